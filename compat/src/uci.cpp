@@ -1,0 +1,1 @@
+// libuci implementation: being written

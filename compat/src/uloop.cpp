@@ -1,0 +1,1 @@
+// uloop implementation: being written
