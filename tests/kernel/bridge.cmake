@@ -1,0 +1,5 @@
+lp_add_test(NAME test_br_port
+            SOURCES ${CMAKE_SOURCE_DIR}/tests/kernel/test_br_port.cpp
+                    ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
+            MODULES br_port device_table log
+            LABELS root)
