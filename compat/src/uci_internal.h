@@ -1,0 +1,90 @@
+// Private parts of our libuci: element storage, validation, error state.
+#ifndef LANPROBE_COMPAT_UCI_INTERNAL_H
+#define LANPROBE_COMPAT_UCI_INTERNAL_H
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <string_view>
+
+#include <uci.h>
+
+// What the parser leaves behind in ctx->pctx when a file fails to parse;
+// uci_perror prints it.
+struct uci_parse_context {
+    const char *reason;
+    int line;
+    int byte;
+};
+
+namespace uci_internal {
+
+// Entry of every call that returns an error code: forget the previous error.
+void clear_error(struct uci_context *ctx);
+// Stores err as the context's error and returns it.
+int fail(struct uci_context *ctx, int err);
+
+inline void list_init(struct uci_list *l) { l->next = l->prev = l; }
+inline void list_insert_before(struct uci_list *at, struct uci_list *e)
+{
+    e->next = at;
+    e->prev = at->prev;
+    at->prev->next = e;
+    at->prev = e;
+}
+inline void list_add_tail(struct uci_list *head, struct uci_list *e) { list_insert_before(head, e); }
+inline void list_unlink(struct uci_list *e)
+{
+    e->prev->next = e->next;
+    e->next->prev = e->prev;
+    e->next = e->prev = nullptr;
+}
+
+// malloc'ed, NUL-terminated copy of s (which may hold no NUL); NULL when out of memory.
+char *dup_view(std::string_view s);
+
+// Section and option names: non-empty, [A-Za-z0-9_].
+bool valid_name(std::string_view s);
+// Package names in a "package" line: non-empty, [A-Za-z0-9_-].
+bool valid_package_name(std::string_view s);
+// Section types and package names given to uci_load: non-empty, bytes 0x21..0x7E.
+bool valid_type(std::string_view s);
+
+struct uci_element *find_element(struct uci_list *list, std::string_view name);
+
+// Allocation; each returns NULL when out of memory, with nothing left behind.
+struct uci_package *package_new(struct uci_context *ctx, std::string_view name);
+struct uci_section *section_new(struct uci_package *p, std::string_view type,
+                                std::string_view name, bool anonymous);
+struct uci_option *option_new_string(struct uci_section *s, std::string_view name,
+                                     std::string_view value);
+struct uci_option *option_new_list(struct uci_section *s, std::string_view name);
+bool list_append_item(struct uci_option *o, std::string_view value);
+// Turns o into a string option holding value, in place.
+bool option_set_string(struct uci_option *o, std::string_view value);
+// Turns a string option into a one-item list of its old value, in place.
+bool option_string_to_list(struct uci_option *o);
+
+void free_item(struct uci_element *e);
+void free_option(struct uci_option *o);   // unlinks it too
+void free_section(struct uci_section *s); // unlinks it and its options
+void free_package(struct uci_package *p); // unlinks it and everything in it
+
+// Records a change in the package's change list, which tells commit that
+// the file must be rewritten.
+bool record_change(struct uci_package *p, enum uci_command cmd, const char *section,
+                   const char *option, const char *value);
+
+// Lookup of a ptr whose package/section/option texts are set (the second
+// half of uci_lookup_ptr).  Returns the error without storing it.
+int lookup(struct uci_context *ctx, struct uci_ptr *ptr, bool extended);
+
+// Parses a whole configuration file.  On success returns 0 and stores the new
+// package (not yet linked into ctx) in *out.  On a syntax error returns
+// UCI_ERR_PARSE and leaves reason/line/byte in ctx->pctx.
+int parse_file(struct uci_context *ctx, std::string_view data, std::string_view name,
+               struct uci_package **out);
+
+} // namespace uci_internal
+
+#endif
