@@ -3,3 +3,8 @@ lp_add_test(NAME test_br_port
                     ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
             MODULES br_port device_table log
             LABELS root)
+lp_add_test(NAME test_if_query
+            SOURCES ${CMAKE_SOURCE_DIR}/tests/kernel/test_if_query.cpp
+                    ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
+            MODULES if_query log
+            LABELS root)

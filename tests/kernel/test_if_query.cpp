@@ -1,0 +1,206 @@
+// Interface queries against interfaces whose address, netmask and MAC the
+// test sets itself, inside a network namespace of its own.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/fd_guard.h"
+#include "support/if_query.h"
+#include "support/netns.h"
+#include "support/result_codes.h"
+
+namespace {
+
+using lptest::run_in_netns;
+using lptest::sh;
+
+const uint8_t kBridgeMac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+const uint8_t kPortMac[6] = {0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0x0e};
+// A port name at the 15-character limit, without an IPv4 address.
+const char kLongPort[] = "eth0123456789ab";
+static_assert(sizeof(kLongPort) == IFNAMSIZ, "name at the kernel's limit");
+
+// br-lan: 192.168.1.1/24, MTU 1400, up.  kLongPort: up, no IPv4 address.
+void make_interfaces()
+{
+    ASSERT_TRUE(sh("ip link add br-lan type bridge"));
+    ASSERT_TRUE(sh("ip link set br-lan address 02:11:22:33:44:55 mtu 1400 up"));
+    ASSERT_TRUE(sh("ip addr add 192.168.1.1/24 brd + dev br-lan"));
+    ASSERT_TRUE(sh(std::string("ip link add ") + kLongPort + " type veth peer name lpq0"));
+    ASSERT_TRUE(sh(std::string("ip link set ") + kLongPort + " address 02:aa:bb:cc:dd:0e up"));
+}
+
+uint32_t addr_of(const struct sockaddr &sa)
+{
+    struct sockaddr_in sin;
+    memcpy(&sin, &sa, sizeof(sin));
+    return sin.sin_addr.s_addr;
+}
+
+uint32_t ipv4(const char *text)
+{
+    struct in_addr a;
+    inet_pton(AF_INET, text, &a);
+    return a.s_addr;
+}
+
+bool all_bytes(const void *p, size_t n, uint8_t value)
+{
+    const auto *b = static_cast<const uint8_t *>(p);
+    for (size_t i = 0; i < n; i++)
+        if (b[i] != value)
+            return false;
+    return true;
+}
+
+TEST(IfQueryTest, BridgeAddressNetmaskAndMac)
+{
+    run_in_netns([] {
+        make_interfaces();
+        uint32_t ip = 0xdeadbeef, mask = 0xdeadbeef;
+        uint8_t mac[6] = {};
+        ASSERT_EQ(get_if_ip_netmask_mac("br-lan", &ip, &mask, mac), 0);
+        // Network byte order: the bytes in memory read as written.
+        const uint8_t want_ip[4] = {192, 168, 1, 1};
+        const uint8_t want_mask[4] = {255, 255, 255, 0};
+        EXPECT_EQ(memcmp(&ip, want_ip, 4), 0);
+        EXPECT_EQ(memcmp(&mask, want_mask, 4), 0);
+        EXPECT_EQ(memcmp(mac, kBridgeMac, 6), 0);
+        // Outputs are optional, one at a time.
+        uint32_t only_mask = 0;
+        EXPECT_EQ(get_if_ip_netmask_mac("br-lan", nullptr, &only_mask, nullptr), 0);
+        EXPECT_EQ(only_mask, ipv4("255.255.255.0"));
+    });
+}
+
+TEST(IfQueryTest, FetchIfInfoFields)
+{
+    run_in_netns([] {
+        make_interfaces();
+        t_if_info info;
+        memset(&info, 0, sizeof(info));
+        copy_ifname(info.name, "br-lan");
+        ASSERT_EQ(fetch_if_info(&info), 0);
+        EXPECT_STREQ(info.name, "br-lan");
+        EXPECT_EQ(info.type, ARPHRD_ETHER);
+        EXPECT_TRUE(info.flags & IFF_UP);
+        EXPECT_TRUE(info.flags & IFF_BROADCAST);
+        EXPECT_EQ(info.mtu, 1400);
+        EXPECT_EQ(info.metric, 0);
+        EXPECT_EQ(info.tx_queue_len, -1);
+        EXPECT_EQ(info.has_ip, 1);
+        EXPECT_EQ(info.addr.sa_family, AF_INET);
+        EXPECT_EQ(addr_of(info.addr), ipv4("192.168.1.1"));
+        EXPECT_EQ(addr_of(info.broadaddr), ipv4("192.168.1.255"));
+        EXPECT_EQ(addr_of(info.netmask), ipv4("255.255.255.0"));
+        EXPECT_EQ(memcmp(info.hwaddr, kBridgeMac, 6), 0);
+        // Only the first 8 bytes of the address data are taken.
+        EXPECT_TRUE(all_bytes(info.hwaddr + 8, sizeof(info.hwaddr) - 8, 0));
+    });
+}
+
+// A name the kernel does not know: -87, and nothing but the name is written.
+TEST(IfQueryTest, UnknownInterfaceWritesNothing)
+{
+    run_in_netns([] {
+        make_interfaces();
+        t_if_info info;
+        memset(&info, 0xa5, sizeof(info));
+        copy_ifname(info.name, "nosuch0");
+        t_if_info before = info;
+        EXPECT_EQ(fetch_if_info(&info), LP_ERR_QUERY);
+        EXPECT_EQ(memcmp(&info, &before, sizeof(info)), 0);
+
+        uint32_t ip = 0x01020304, mask = 0x05060708;
+        uint8_t mac[6];
+        memset(mac, 0x5a, sizeof(mac));
+        EXPECT_EQ(get_if_ip_netmask_mac("nosuch0", &ip, &mask, mac), LP_ERR_QUERY);
+        EXPECT_EQ(ip, 0x01020304u);
+        EXPECT_EQ(mask, 0x05060708u);
+        EXPECT_TRUE(all_bytes(mac, sizeof(mac), 0x5a));
+    });
+}
+
+// Up, but no IPv4 address: success, address zero, has_ip and the three
+// address fields left as the caller had them.
+TEST(IfQueryTest, InterfaceWithoutIpv4)
+{
+    run_in_netns([] {
+        make_interfaces();
+        t_if_info info;
+        memset(&info, 0xa5, sizeof(info));
+        copy_ifname(info.name, kLongPort);
+        info.has_ip = 7;
+        ASSERT_EQ(fetch_if_info(&info), 0);
+        EXPECT_EQ(info.has_ip, 7);
+        EXPECT_TRUE(all_bytes(&info.addr, sizeof(info.addr), 0));
+        EXPECT_TRUE(all_bytes(&info.dstaddr, sizeof(info.dstaddr), 0xa5));
+        EXPECT_TRUE(all_bytes(&info.broadaddr, sizeof(info.broadaddr), 0xa5));
+        EXPECT_TRUE(all_bytes(&info.netmask, sizeof(info.netmask), 0xa5));
+        EXPECT_EQ(info.type, ARPHRD_ETHER);
+        EXPECT_EQ(info.tx_queue_len, -1);
+        EXPECT_EQ(memcmp(info.hwaddr, kPortMac, 6), 0);
+
+        uint32_t ip = 0xffffffff, mask = 0xffffffff;
+        uint8_t mac[6] = {};
+        EXPECT_EQ(get_if_ip_netmask_mac(kLongPort, &ip, &mask, mac), 0);
+        EXPECT_EQ(ip, 0u);
+        EXPECT_EQ(mask, 0u);
+        EXPECT_EQ(memcmp(mac, kPortMac, 6), 0);
+    });
+}
+
+TEST(IfQueryTest, IndexAndHardwareAddress)
+{
+    run_in_netns([] {
+        make_interfaces();
+        FdGuard sock(socket(AF_INET, SOCK_DGRAM, 0));
+        ASSERT_TRUE(sock.valid());
+        struct Case {
+            const char *name;
+            const uint8_t *mac;
+        } cases[] = {{"br-lan", kBridgeMac}, {kLongPort, kPortMac}};
+        for (const auto &c : cases) {
+            t_if_hwinfo hw = get_if_index_hwaddr(sock.get(), c.name);
+            EXPECT_EQ(hw.ifindex, static_cast<int32_t>(if_nametoindex(c.name))) << c.name;
+            EXPECT_GT(hw.ifindex, 0) << c.name;
+            EXPECT_EQ(hw.mac_len, 6);
+            EXPECT_EQ(memcmp(hw.mac, c.mac, 6), 0) << c.name;
+        }
+        // A vanished port gives index -1 (so a later bind fails) and no MAC.
+        t_if_hwinfo gone = get_if_index_hwaddr(sock.get(), "nosuch0");
+        EXPECT_EQ(gone.ifindex, -1);
+        EXPECT_EQ(gone.mac_len, 6);
+        EXPECT_TRUE(all_bytes(gone.mac, 6, 0));
+    });
+}
+
+TEST(IfQueryTest, BindSocketToDevice)
+{
+    run_in_netns([] {
+        make_interfaces();
+        FdGuard sock(socket(AF_INET, SOCK_DGRAM, 0));
+        ASSERT_TRUE(sock.valid());
+        ASSERT_EQ(bind_socket_to_device(sock.get(), kLongPort), 0);
+        char bound[IFNAMSIZ] = {};
+        socklen_t len = sizeof(bound);
+        ASSERT_EQ(getsockopt(sock.get(), SOL_SOCKET, SO_BINDTODEVICE, bound, &len), 0);
+        EXPECT_STREQ(bound, kLongPort);
+
+        FdGuard other(socket(AF_INET, SOCK_DGRAM, 0));
+        errno = 0;
+        EXPECT_EQ(bind_socket_to_device(other.get(), "nosuch0"), -1);
+        EXPECT_EQ(errno, ENODEV);
+    });
+}
+
+}  // namespace
