@@ -1,0 +1,1 @@
+lp_add_test(NAME test_uci_parse SOURCES ${CMAKE_SOURCE_DIR}/tests/unit/test_uci_parse.cpp)
