@@ -163,17 +163,27 @@ EOF
 }
 
 start_responder() {
-    local ns=$1 d=$2 n=$3 mode=$4 pid i
+    local ns=$1 d=$2 n=$3 mode=$4
     spawn "responder-eth$n" "$ns" "$PY" "$LAB_DIR/responder.py" --iface veth0 --mode "$mode" \
         --ip "$(host_ip "$n")" --pool "$(pool_lo "$n")" --dns "$(dns_ip "$n")" \
         --br-mac "$BR_MAC" --events "$d/responder.events" --ready "$d/responder.ready"
-    pid=$(last_pid)
-    for i in $(seq 150); do
-        [ -f "$d/responder.ready" ] && return 0
-        alive "$pid" || { cat "$STATE/responder-eth$n.out" >&2; die "responder on eth$n exited"; }
-        sleep 0.1
-    done
-    die "responder on eth$n not ready"
+    # scapy takes a few seconds to start: responders start side by side and
+    # wait_ready waits for all of them.
+    echo "$(last_pid) $d/responder.ready eth$n" >> "$STATE/pending"
+}
+
+wait_ready() {
+    [ -f "$STATE/pending" ] || return 0
+    local pid file port i
+    while read -r pid file port; do
+        for i in $(seq 200); do
+            [ -f "$file" ] && break
+            alive "$pid" || { cat "$STATE/responder-$port.out" >&2; die "responder on $port exited"; }
+            sleep 0.1
+        done
+        [ -f "$file" ] || die "responder on $port not ready"
+    done < "$STATE/pending"
+    rm -f "$STATE/pending"
 }
 
 # ------------------------------------------------------------------ fixtures
@@ -316,6 +326,7 @@ EOF
         ports+=("${s%%=*}")
     done
     write_fixtures "${ports[@]}"
+    wait_ready
     cmd_learn "$STATE"
     trap - EXIT INT TERM
     log "up: router namespace $ROUTER_NS, ports: ${specs[*]}"
