@@ -1,0 +1,2 @@
+lp_add_test(NAME test_startup SOURCES ${CMAKE_SOURCE_DIR}/tests/process/test_startup.cpp LABELS root)
+add_dependencies(test_startup lanprobe)
