@@ -1,1 +1,2 @@
 lp_add_test(NAME test_uci_parse SOURCES ${CMAKE_SOURCE_DIR}/tests/unit/test_uci_parse.cpp)
+lp_add_test(NAME test_uci_lookup SOURCES ${CMAKE_SOURCE_DIR}/tests/unit/test_uci_lookup.cpp)
