@@ -33,14 +33,15 @@ struct uci_ptr make_ptr(const char *package, const char *section, const char *op
     return ptr;
 }
 
-void log_ptr(const struct uci_ptr &ptr)
-{
-    LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.uci_type:%d\n", static_cast<int>(ptr.target));
-    LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.package:%s\n", ptr.package ? ptr.package : "");
-    LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.section:%s\n", ptr.section ? ptr.section : "");
-    LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.option:%s\n", ptr.option ? ptr.option : "");
-    LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.value:%s\n", ptr.value ? ptr.value : "");
-}
+// Macros rather than helpers, so each line names the public call that logs it.
+#define LOG_PTR(ptr)                                                                               \
+    do {                                                                                           \
+        LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.uci_type:%d\n", static_cast<int>((ptr).target));           \
+        LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.package:%s\n", (ptr).package ? (ptr).package : "");        \
+        LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.section:%s\n", (ptr).section ? (ptr).section : "");        \
+        LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.option:%s\n", (ptr).option ? (ptr).option : "");           \
+        LOG_MSG(LOG_LEVEL_DEBUG, "p_uci.value:%s\n", (ptr).value ? (ptr).value : "");              \
+    } while (0)
 
 enum class ListChange { Delete, AddList, DelAddList };
 
@@ -60,69 +61,57 @@ int apply(struct uci_context *ctx, struct uci_ptr *ptr, ListChange what)
     return UCI_ERR_INVAL;
 }
 
-void log_change(ListChange what, const char *section, const char *option, const char *value)
-{
-    if (what == ListChange::Delete)
-        LOG_MSG(LOG_LEVEL_DEBUG, "delete %s %s\n", section, option);
-    else
-        LOG_MSG(LOG_LEVEL_DEBUG, "save %s %s\n", option, value);
-}
-
-bool args_present(const char *package, const char *section, const char *option, const char *value,
-                  ListChange what)
-{
-    return package && section && option && (what == ListChange::Delete || value);
-}
+enum class Outcome { Ok, InitFailed, ChangeFailed, CommitFailed };
 
 // The slot form: the change stays in memory, the context goes back to the caller.
-int change_in_slot(struct uci_context **ctx, const char *package, const char *section, const char *option,
-                   const char *value, ListChange what)
+Outcome change_in_slot(struct uci_context **ctx, const char *package, const char *section,
+                       const char *option, const char *value, ListChange what)
 {
-    if (!ctx || !args_present(package, section, option, value, what)) {
-        LOG_MSG(LOG_LEVEL_ERROR, "invalid parameter\n");
-        return -1;
-    }
-    log_change(what, section, option, value);
     if (!*ctx)
         *ctx = uci_ctx_init(UCI_ACCESS_CONFDIR);
-    if (!*ctx) {
-        LOG_MSG(LOG_LEVEL_ERROR, "fail to init uci context\n");
-        return -1;
-    }
+    if (!*ctx)
+        return Outcome::InitFailed;
     struct uci_ptr ptr = make_ptr(package, section, option, value);
     if (apply(*ctx, &ptr, what) != UCI_OK) {
         uci_ctx_free(*ctx);
         *ctx = nullptr;
-        return -1;
+        return Outcome::ChangeFailed;
     }
-    return 0;
+    return Outcome::Ok;
 }
 
 // The commit form: own context, one change, commit of the changed package.
-int change_and_commit(const char *package, const char *section, const char *option, const char *value,
-                      ListChange what)
+Outcome change_and_commit(const char *package, const char *section, const char *option, const char *value,
+                          ListChange what)
 {
-    if (!args_present(package, section, option, value, what)) {
-        LOG_MSG(LOG_LEVEL_ERROR, "invalid parameter\n");
-        return -1;
-    }
-    log_change(what, section, option, value);
     struct uci_context *ctx = uci_ctx_init(UCI_ACCESS_CONFDIR);
-    if (!ctx) {
-        LOG_MSG(LOG_LEVEL_ERROR, "fail to init uci context\n");
-        return -1;
-    }
+    if (!ctx)
+        return Outcome::InitFailed;
     struct uci_ptr ptr = make_ptr(package, section, option, value);
-    int ret = -1;
-    if (apply(ctx, &ptr, what) == UCI_OK) {
-        if (uci_commit(ctx, &ptr.p, false) == UCI_OK)
-            ret = 0;
-        else
-            LOG_MSG(LOG_LEVEL_ERROR, "fail to commit %s\n", package);
-    }
+    Outcome out = Outcome::ChangeFailed;
+    if (apply(ctx, &ptr, what) == UCI_OK)
+        out = uci_commit(ctx, &ptr.p, false) == UCI_OK ? Outcome::Ok : Outcome::CommitFailed;
     uci_ctx_free(ctx);
-    return ret;
+    return out;
 }
+
+// Logs a failed outcome from the public call and gives its result.
+#define FINISH(outcome, package)                                                                   \
+    ((outcome) == Outcome::Ok                                                                      \
+         ? 0                                                                                       \
+         : ((outcome) == Outcome::InitFailed                                                       \
+                ? LOG_MSG(LOG_LEVEL_ERROR, "fail to init uci context\n")                           \
+                : (outcome) == Outcome::CommitFailed ? LOG_MSG(LOG_LEVEL_ERROR, "fail to commit %s\n", package) \
+                                                     : (void)0,                                    \
+            -1))
+
+#define CHECK_ARGS(ok)                                                                             \
+    do {                                                                                           \
+        if (!(ok)) {                                                                               \
+            LOG_MSG(LOG_LEVEL_ERROR, "invalid parameter\n");                                        \
+            return -1;                                                                             \
+        }                                                                                          \
+    } while (0)
 
 } // namespace
 
@@ -207,7 +196,7 @@ int _uci_set_value(struct uci_context **ctx, const char *package, const char *se
         return -1;
     }
     struct uci_ptr ptr = make_ptr(package, section, option, value);
-    log_ptr(ptr);
+    LOG_PTR(ptr);
     int rc = uci_set(*ctx, &ptr);
     if (rc != UCI_OK) {
         LOG_MSG(LOG_LEVEL_ERROR, "fail to set ptr %s.%s.%s (ret:%d)\n", package, section, option, rc);
@@ -242,7 +231,7 @@ int _uci_set_value_commit(const char *p_uci_str, const char *p_value)
         return -1;
     }
     ptr.value = p_value;
-    log_ptr(ptr);
+    LOG_PTR(ptr);
     int rc = uci_set(ctx, &ptr);
     if (rc != UCI_OK) {
         LOG_MSG(LOG_LEVEL_ERROR, "fail to set ptr %s (ret:%d)\n", p_uci_str, rc);
@@ -258,35 +247,53 @@ int _uci_set_value_commit(const char *p_uci_str, const char *p_value)
 
 int _uci_delete(struct uci_context **ctx, const char *package, const char *section, const char *option)
 {
-    return change_in_slot(ctx, package, section, option, nullptr, ListChange::Delete);
+    CHECK_ARGS(ctx && package && section && option);
+    LOG_MSG(LOG_LEVEL_DEBUG, "delete %s %s\n", section, option);
+    Outcome out = change_in_slot(ctx, package, section, option, nullptr, ListChange::Delete);
+    return FINISH(out, package);
 }
 
 int _uci_delete_commit(const char *package, const char *section, const char *option)
 {
-    return change_and_commit(package, section, option, nullptr, ListChange::Delete);
+    CHECK_ARGS(package && section && option);
+    LOG_MSG(LOG_LEVEL_DEBUG, "delete %s %s\n", section, option);
+    Outcome out = change_and_commit(package, section, option, nullptr, ListChange::Delete);
+    return FINISH(out, package);
 }
 
 int _uci_add_list(struct uci_context **ctx, const char *package, const char *section, const char *option,
                   const char *value)
 {
-    return change_in_slot(ctx, package, section, option, value, ListChange::AddList);
+    CHECK_ARGS(ctx && package && section && option && value);
+    LOG_MSG(LOG_LEVEL_DEBUG, "save %s %s\n", option, value);
+    Outcome out = change_in_slot(ctx, package, section, option, value, ListChange::AddList);
+    return FINISH(out, package);
 }
 
 int _uci_add_list_commit(const char *package, const char *section, const char *option, const char *value)
 {
-    return change_and_commit(package, section, option, value, ListChange::AddList);
+    CHECK_ARGS(package && section && option && value);
+    LOG_MSG(LOG_LEVEL_DEBUG, "save %s %s\n", option, value);
+    Outcome out = change_and_commit(package, section, option, value, ListChange::AddList);
+    return FINISH(out, package);
 }
 
 int _uci_del_add_list(struct uci_context **ctx, const char *package, const char *section, const char *option,
                       const char *value)
 {
-    return change_in_slot(ctx, package, section, option, value, ListChange::DelAddList);
+    CHECK_ARGS(ctx && package && section && option && value);
+    LOG_MSG(LOG_LEVEL_DEBUG, "save %s %s\n", option, value);
+    Outcome out = change_in_slot(ctx, package, section, option, value, ListChange::DelAddList);
+    return FINISH(out, package);
 }
 
 int _uci_del_add_list_commit(const char *package, const char *section, const char *option,
                              const char *value)
 {
-    return change_and_commit(package, section, option, value, ListChange::DelAddList);
+    CHECK_ARGS(package && section && option && value);
+    LOG_MSG(LOG_LEVEL_DEBUG, "save %s %s\n", option, value);
+    Outcome out = change_and_commit(package, section, option, value, ListChange::DelAddList);
+    return FINISH(out, package);
 }
 
 int _uci_commit(struct uci_context *ctx)
