@@ -8,3 +8,8 @@ lp_add_test(NAME test_if_query
                     ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
             MODULES if_query log
             LABELS root)
+lp_add_test(NAME test_lan_discovery
+            SOURCES ${CMAKE_SOURCE_DIR}/tests/kernel/test_lan_discovery.cpp
+                    ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
+            MODULES lan_discovery br_port device_table uci_access log
+            LABELS root)

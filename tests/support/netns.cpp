@@ -86,6 +86,11 @@ bool enter_namespaces()
 
 void run_in_netns(const std::function<void()> &body)
 {
+    // The child inherits the failures the test has recorded so far; only
+    // the ones it adds itself decide its exit status.
+    const ::testing::TestResult *result =
+        ::testing::UnitTest::GetInstance()->current_test_info()->result();
+    const int parts_before = result->total_part_count();
     fflush(nullptr);
     pid_t pid = fork();
     ASSERT_GE(pid, 0) << "fork failed";
@@ -95,8 +100,11 @@ void run_in_netns(const std::function<void()> &body)
             _exit(3);
         }
         body();
+        bool failed = false;
+        for (int i = parts_before; i < result->total_part_count(); i++)
+            failed = failed || result->GetTestPartResult(i).failed();
         fflush(nullptr);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
+        _exit(failed ? 1 : 0);
     }
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
@@ -162,16 +170,16 @@ bool del_link(const std::string &name)
     return sh("ip link del " + name);
 }
 
-StdoutCapture::StdoutCapture()
+StdoutCapture::StdoutCapture(int fd_to_capture) : fd_(fd_to_capture)
 {
-    fflush(stdout);
+    fflush(nullptr);
     path_ = std::string("/tmp/.lptest-capture-") + std::to_string(getpid()) + "-" +
             std::to_string(g_capture_counter++);
     int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (fd < 0)
         return;
-    saved_ = dup(STDOUT_FILENO);
-    dup2(fd, STDOUT_FILENO);
+    saved_ = dup(fd_);
+    dup2(fd, fd_);
     close(fd);
 }
 
@@ -184,8 +192,8 @@ std::string StdoutCapture::stop()
 {
     if (saved_ < 0)
         return {};
-    fflush(stdout);
-    dup2(saved_, STDOUT_FILENO);
+    fflush(nullptr);
+    dup2(saved_, fd_);
     close(saved_);
     saved_ = -1;
     std::ifstream in(path_, std::ios::binary);

@@ -43,17 +43,19 @@ bool add_ports(const std::string &br, const std::vector<std::string> &names);
 // Deletes an interface (and with a veth, its peer).
 bool del_link(const std::string &name);
 
-// Redirects standard output (where log lines go) into a file until stop().
+// Redirects standard output (where log lines go), or another descriptor such
+// as standard error, into a file until stop().
 class StdoutCapture {
 public:
-    StdoutCapture();
+    explicit StdoutCapture(int fd = 1);
     ~StdoutCapture();
     StdoutCapture(const StdoutCapture &) = delete;
     StdoutCapture &operator=(const StdoutCapture &) = delete;
-    // Restores standard output and returns what was written meanwhile.
+    // Restores the descriptor and returns what was written meanwhile.
     std::string stop();
 
 private:
+    int fd_;
     int saved_ = -1;
     std::string path_;
 };
