@@ -1,5 +1,6 @@
 // The configuration file parser: exact uci_perror text for every syntax error,
 // the accepted grammar, anonymous section names, merges, and hostile files.
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -247,6 +248,39 @@ TEST(UciParse, HostileFiles)
     r = load_text(std::string("config t s\n\toption o 'a\0b'\n", 26));
     EXPECT_EQ(r.rc, UCI_OK);
     EXPECT_EQ(r.dumped, "t s{o=a}");
+}
+
+// Files made of the grammar's own special bytes in random order: every one
+// either loads or is a parse error, and a parse error names a position
+// inside the file.
+TEST(UciParse, ShuffledGrammarBytes)
+{
+    const char alphabet[] = "config option list package c o l p x_1 '\"\\#;\t\n\r -";
+    uint32_t seed = 12345;
+    int ok = 0, parse = 0;
+    for (int round = 0; round < 300; round++) {
+        std::string text;
+        size_t len = 1 + (round * 7) % 200;
+        for (size_t i = 0; i < len; i++) {
+            seed = seed * 1103515245u + 12345u;
+            text += alphabet[(seed >> 16) % (sizeof(alphabet) - 1)];
+        }
+        LoadResult r = load_text("config t s\n" + text);
+        if (r.rc == UCI_OK) {
+            ok++;
+            continue;
+        }
+        ASSERT_EQ(r.rc, UCI_ERR_PARSE) << text;
+        parse++;
+        unsigned line = 0, byte = 0;
+        size_t at = r.perror.find(") at line ");
+        ASSERT_NE(at, std::string::npos) << r.perror;
+        ASSERT_EQ(sscanf(r.perror.c_str() + at, ") at line %u, byte %u", &line, &byte), 2) << r.perror;
+        EXPECT_LE(byte, text.size() + 11) << text;
+        EXPECT_LE(line, static_cast<unsigned>(std::count(text.begin(), text.end(), '\n')) + 1) << text;
+    }
+    EXPECT_GT(ok, 0);
+    EXPECT_GT(parse, 0);
 }
 
 TEST(UciParse, PerrorTable)
