@@ -1,0 +1,200 @@
+// Our DISCOVER against a real DHCP server: dnsmasq on the far end p1 of a veth
+// whose near end eth1 is a port of br-lan, all inside a private network
+// namespace.  The server's OFFER must be taken with what it was told to offer.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+#include "core/result_file.h"
+#include "dhcp/dhcp_packet.h"
+#include "dhcp/dhcp_sweep.h"
+#include "registry/device_table.h"
+#include "support/if_query.h"
+#include "support/log.h"
+#include "support/netns.h"
+#include "support/result_codes.h"
+
+namespace {
+
+using lptest::run_in_netns;
+using lptest::sh;
+
+const char kDir[] = "/tmp/dnsmasq-test";
+
+// dnsmasq started by the test and stopped by its PID.
+class Dnsmasq {
+public:
+    bool Start()
+    {
+        mkdir(kDir, 0700);
+        std::string dir = kDir;
+        std::vector<std::string> args = {
+            "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=0", "--no-ping",
+            "--interface=p1", "--bind-interfaces", "--user=root", "--group=root",
+            "--dhcp-range=10.77.0.100,10.77.0.150,255.255.255.0,1h",
+            "--dhcp-option=3,10.77.0.254", "--dhcp-option=6,10.77.0.53,10.77.0.54",
+            "--dhcp-leasefile=" + dir + "/leases", "--pid-file=" + dir + "/pid",
+            "--log-facility=" + dir + "/log", "--log-dhcp"};
+        fflush(nullptr);
+        pid_ = fork();
+        if (pid_ == 0) {
+            std::vector<char *> argv;
+            for (std::string &a : args)
+                argv.push_back(&a[0]);
+            argv.push_back(nullptr);
+            execvp("dnsmasq", argv.data());
+            _exit(127);
+        }
+        if (pid_ < 0)
+            return false;
+        // Ready once its DHCP socket is bound (port 67 = 0043 in /proc/net/udp);
+        // bounded by a number of checks.
+        for (int i = 0; i < 100; i++) {
+            std::ifstream udp("/proc/net/udp");
+            std::stringstream ss;
+            ss << udp.rdbuf();
+            if (ss.str().find(":0043 ") != std::string::npos)
+                return true;
+            int status;
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return false;
+            }
+            usleep(50 * 1000);
+        }
+        return false;
+    }
+    ~Dnsmasq()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    std::string Log() const
+    {
+        std::ifstream in(std::string(kDir) + "/log");
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+void MakeLanWithServer()
+{
+    ASSERT_TRUE(sh("sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1"));
+    ASSERT_TRUE(sh("ip link set lo up"));
+    ASSERT_TRUE(sh("ip link add br-lan type bridge && ip addr add 192.168.1.1/24 dev br-lan && "
+                   "ip link set br-lan up"));
+    ASSERT_TRUE(sh("ip link add eth1 type veth peer name p1 && ip link set eth1 master br-lan && "
+                   "ip link set eth1 up && ip addr add 10.77.0.1/24 dev p1 && ip link set p1 up"));
+    ASSERT_EQ(uloop_init(), 0);
+}
+
+bool PumpUntil(const std::function<bool()> &done)
+{
+    for (int i = 0; i < 200 && !done(); i++)
+        uloop_run_timeout(50);
+    return done();
+}
+
+void ExpectServerOffer(const t_dhcp_offer &offer)
+{
+    uint32_t yi = ntohl(offer.pre_assigned_ip);
+    EXPECT_GE(yi, ntohl(inet_addr("10.77.0.100")));
+    EXPECT_LE(yi, ntohl(inet_addr("10.77.0.150")));
+    EXPECT_EQ(offer.gateway_ip, inet_addr("10.77.0.254"));
+    EXPECT_EQ(offer.dns_ip, inet_addr("10.77.0.53"));  // the first of the two
+    uint8_t p1_mac[MAC_LEN];
+    ASSERT_EQ(get_if_ip_netmask_mac("p1", nullptr, nullptr, p1_mac), 0);
+    EXPECT_EQ(0, memcmp(offer.mac, p1_mac, MAC_LEN));
+}
+
+TEST(DhcpServer, DnsmasqOfferIsTaken)
+{
+    run_in_netns([] {
+        MakeLanWithServer();
+        Dnsmasq server;
+        ASSERT_TRUE(server.Start());
+
+        t_device *eth1 = create_new_device("eth1");
+        lanprobe_ctx ctx;
+        ASSERT_EQ(init_dhcp_sockfd(&ctx), 0);
+        ctx.dev = eth1;
+        memset(lanprobe_handle.br_mac, 0, MAC_LEN);
+        ASSERT_EQ(send_dhcp_discovery_packet(&ctx), 0);
+        ASSERT_TRUE(PumpUntil([&] { return ctx.offered == 1; })) << server.Log();
+        EXPECT_EQ(ctx.ufd.fd, -1);
+        ExpectServerOffer(ctx.offer);
+
+        // The server saw our made-up client, not eth1's own address.
+        uint8_t client[MAC_LEN];
+        derive_client_hwaddr(ctx.random_xid, client);
+        char text[18];
+        snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", client[0], client[1],
+                 client[2], client[3], client[4], client[5]);
+        std::string log = server.Log();
+        EXPECT_NE(log.find(std::string("DHCPDISCOVER(p1) ") + text), std::string::npos) << log;
+        free(eth1);
+    });
+}
+
+TEST(DhcpServer, SweepReportsServer)
+{
+    run_in_netns([] {
+        MakeLanWithServer();
+        Dnsmasq server;
+        ASSERT_TRUE(server.Start());
+
+        t_device *eth1 = create_new_device("eth1");
+        eth1->order = 1;
+        eth1->connected = 1;
+        strcpy(eth1->label, "LAN1");
+        ASSERT_EQ(add_device(&lan_devices.dev_hashmap_head, eth1), 0);
+
+        ASSERT_EQ(lanprobe_for_all_devices(&lan_devices), 0);
+        ASSERT_EQ(lanprobe_handle.device_num, 1);
+        // Polled the way the detection cycle polls: between event-loop passes.
+        int code = process_dhcp_discovery_all(0);
+        for (int i = 0; i < 200 && code == LP_SWEEP_WAITING; i++) {
+            uloop_run_timeout(50);
+            code = process_dhcp_discovery_all(0);
+        }
+        EXPECT_EQ(code, LP_SWEEP_ALL_ANSWERED) << server.Log();
+        ExpectServerOffer(eth1->offer);
+
+        write_detect_result("/tmp/lanprobe_result");
+        std::ifstream in("/tmp/lanprobe_result");
+        std::stringstream ss;
+        ss << in.rdbuf();
+        struct in_addr yi;
+        yi.s_addr = eth1->offer.pre_assigned_ip;
+        const uint8_t *m = eth1->offer.mac;
+        char mac[18];
+        snprintf(mac, sizeof(mac), "%02X:%02X:%02X:%02X:%02X:%02X", m[0], m[1], m[2], m[3], m[4], m[5]);
+        EXPECT_EQ(ss.str(), std::string(R"({"result":[{"name":"eth1","label":"LAN1","mac":")") + mac +
+                                R"(","pre_assigned_ip":")" + inet_ntoa(yi) +
+                                R"(","gateway_ip":"10.77.0.254","dns_ip":"10.77.0.53"}]})");
+    });
+}
+
+}  // namespace
