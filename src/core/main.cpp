@@ -10,6 +10,7 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "core/detect_cycle.h"
 #include "core/startup.h"
 #include "registry/device_table.h"
 #include "support/log.h"
@@ -39,8 +40,7 @@ int main(int argc, char **argv)
     srand(static_cast<unsigned int>(time(nullptr)));
     uloop_init();
 
-    // Detection set-up (LAN discovery, the -v interface, start and deadline
-    // timers) goes here, between uloop_init and uloop_run.
+    init_detect_cycle();
 
     uloop_run();
     release_all_resource();
