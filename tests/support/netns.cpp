@@ -14,6 +14,11 @@
 
 #include <gtest/gtest.h>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#define LPTEST_LEAK_CHECK 1
+#endif
+
 namespace lptest {
 
 namespace {
@@ -103,6 +108,14 @@ void run_in_netns(const std::function<void()> &body)
         bool failed = false;
         for (int i = parts_before; i < result->total_part_count(); i++)
             failed = failed || result->GetTestPartResult(i).failed();
+#ifdef LPTEST_LEAK_CHECK
+        // _exit skips the leak check that would run at exit; run it here so
+        // the code under test is checked for leaks inside the namespace too.
+        if (__lsan_do_recoverable_leak_check() != 0) {
+            fprintf(stderr, "memory leaked inside the namespace\n");
+            failed = true;
+        }
+#endif
         fflush(nullptr);
         _exit(failed ? 1 : 0);
     }
