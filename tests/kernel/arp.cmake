@@ -3,3 +3,9 @@ lp_add_test(NAME test_fdb
                     ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
             MODULES fdb br_port device_table log
             LABELS root)
+
+lp_add_test(NAME test_arp_check
+            SOURCES ${CMAKE_SOURCE_DIR}/tests/kernel/test_arp_check.cpp
+                    ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
+            MODULES arp_check arp_packet arp_sweep device_list device_table if_query log
+            LABELS root)

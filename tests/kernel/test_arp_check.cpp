@@ -1,0 +1,285 @@
+// The address ownership check against a real bridge br-lan, with hosts in
+// namespaces of their own behind its ports.
+//
+// What the kernel does here decides the verdicts: the slot sockets are tied
+// to their ports with SO_BINDTODEVICE only, which does not filter what a
+// packet socket receives, and a reply (sent to the asking port's own MAC) is
+// passed up through br-lan, so every open slot socket reads it.
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "arp/arp_check.h"
+#include "arp/arp_packet.h"
+#include "kernel/arp_host.h"
+#include "registry/device_list.h"
+#include "registry/device_table.h"
+#include "support/log.h"
+#include "support/netns.h"
+
+namespace {
+
+using arptest::Host;
+using arptest::ip;
+using arptest::Reply;
+using lptest::count_of;
+using lptest::run_in_netns;
+using lptest::sh;
+using lptest::StdoutCapture;
+
+// The candidate list as the detection cycle builds it, over records it owns.
+struct Candidates {
+    t_device *table = nullptr;
+    t_device_list_head list{};
+
+    explicit Candidates(const std::vector<std::string> &names)
+    {
+        int order = 1;
+        for (const std::string &n : names) {
+            t_device *d = create_new_device(n.c_str());
+            d->order = static_cast<int8_t>(order++);
+            EXPECT_EQ(add_device(&table, d), 0);
+            EXPECT_EQ(add_unique_device_inorder_to_list(&list.list, d), 0);
+            list.dev_num++;
+        }
+    }
+    ~Candidates()
+    {
+        free_device_list(&list.list);
+        if (table)
+            release_all_device(&table);
+    }
+    std::vector<std::string> names() const
+    {
+        std::vector<std::string> out;
+        for (t_device_list *n = list.list.next; n; n = n->next)
+            out.push_back(n->dev->name);
+        return out;
+    }
+};
+
+using Names = std::vector<std::string>;
+
+struct CheckRun {
+    int result;
+    std::string log;
+};
+
+CheckRun check(Candidates &c, const uint32_t *target = nullptr)
+{
+    log_set_level(7);
+    StdoutCapture cap;
+    int rc = find_target_ip_and_device_with_arp(&c.list, target);
+    return {rc, cap.stop()};
+}
+
+TEST(ArpCheck, NobodyAnswers)
+{
+    run_in_netns([] {
+        arptest::make_lan(2);
+        Host h1 = Host::responder("h1", {});
+        Host h2 = Host::responder("h2", {});
+        arptest::wait_forwarding(2);
+        Candidates c({"eth1", "eth2"});
+        CheckRun r = check(c);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(c.list.dev_num, 0);
+        EXPECT_TRUE(c.names().empty());
+        EXPECT_EQ(count_of(r.log, "Use br-lan ip:192.168.1.1 as arp requesting ip! ARP announcement!\n"), 1u);
+        EXPECT_EQ(count_of(r.log, "Target ip:192.168.1.1 not found with arp in each device!\n"), 1u) << r.log;
+        // Two attempts, each one request per port.
+        EXPECT_EQ(count_of(r.log, "via dev:eth1, retry_times:1/2\n"), 2u) << r.log;
+        EXPECT_EQ(count_of(r.log, "via dev:eth2, retry_times:2/2\n"), 2u) << r.log;
+        EXPECT_EQ(count_of(r.log, "No arp reply from 192.168.1.1|00-00-00-00-00-00 via dev:eth"), 2u);
+        EXPECT_EQ(h1.requests().size(), 2u);
+        EXPECT_EQ(h2.requests().size(), 2u);
+
+        // On the wire: a 60-byte announcement from eth1's own MAC.
+        std::string mac = arptest::mac_of("eth1");
+        std::string hexmac;
+        for (char ch : mac)
+            if (ch != ':')
+                hexmac += ch;
+        const std::string expected = "ffffffffffff" + hexmac + "0806" + "0001080006040001" + hexmac +
+                                     "c0a80101" + "000000000000" + "c0a80101" + std::string(36, '0');
+        ASSERT_FALSE(h1.requests().empty());
+        EXPECT_EQ(h1.requests()[0], expected);
+        EXPECT_EQ(arp_detect_handle.arp_detect_array, nullptr) << "the run is released";
+    });
+}
+
+TEST(ArpCheck, LinuxHostClaimingTheRouterAddress)
+{
+    run_in_netns([] {
+        arptest::make_lan(2);
+        Host owner = Host::linux_host("h1", "192.168.1.1/24", true);
+        Host quiet = Host::responder("h2", {});
+        arptest::wait_forwarding(2);
+
+        // Alone in the list, the owner's port is the one port found.
+        {
+            Candidates c({"eth1"});
+            CheckRun r = check(c);
+            EXPECT_EQ(r.result, 0);
+            EXPECT_EQ(c.names(), Names{"eth1"});
+            EXPECT_EQ(count_of(r.log, "arp reply success in dev:eth1\n"), 1u) << r.log;
+            EXPECT_EQ(count_of(r.log, "Detect "), 0u);
+            EXPECT_EQ(count_of(r.log, "not found with arp"), 0u);
+            EXPECT_EQ(count_of(r.log, "retry_times:2/2"), 0u) << "answered in attempt 1";
+        }
+        // With a second port: the reply comes up through br-lan, where both
+        // slot sockets read it, so both ports keep their place.
+        {
+            Candidates c({"eth1", "eth2"});
+            CheckRun r = check(c);
+            EXPECT_EQ(r.result, 0);
+            EXPECT_EQ(c.names(), (Names{"eth1", "eth2"}));
+            EXPECT_EQ(c.list.dev_num, 2);
+            EXPECT_EQ(count_of(r.log, "Detect 2 device own same ip:192.168.1.1!\n"), 1u) << r.log;
+            EXPECT_EQ(quiet.requests().size(), 1u);
+        }
+    });
+}
+
+TEST(ArpCheck, AnswerOnlyToTheSecondAttempt)
+{
+    run_in_netns([] {
+        arptest::make_lan(1);
+        Host late = Host::responder("h1", {{}, {Reply{ip("192.168.1.1")}}});
+        arptest::wait_forwarding(1);
+        Candidates c({"eth1"});
+        CheckRun r = check(c);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(c.names(), Names{"eth1"});
+        EXPECT_EQ(count_of(r.log, "Trying to recv Arp packet for: 192.168.1.1|00-00-00-00-00-00 via dev:eth1, retry_times:2/2\n"), 1u) << r.log;
+        EXPECT_EQ(count_of(r.log, "arp reply success in dev:eth1\n"), 1u);
+        EXPECT_EQ(late.requests().size(), 2u);
+    });
+}
+
+TEST(ArpCheck, ReplyForAnotherAddressIsSkippedInTheSameReadLoop)
+{
+    run_in_netns([] {
+        arptest::make_lan(1);
+        Host h = Host::responder("h1", {{Reply{ip("192.168.1.99")}, Reply{ip("192.168.1.1")}}});
+        arptest::wait_forwarding(1);
+        Candidates c({"eth1"});
+        CheckRun r = check(c);
+        EXPECT_EQ(c.names(), Names{"eth1"});
+        size_t other = r.log.find("arp reply receieve a different ip:192.168.1.99, Ignore!\n");
+        size_t orig = r.log.find("arp reply receieve a different ip, orig:192.168.1.1, Ignore!\n");
+        size_t ok = r.log.find("arp reply success in dev:eth1\n");
+        ASSERT_NE(other, std::string::npos) << r.log;
+        EXPECT_LT(other, orig);
+        EXPECT_LT(orig, ok);
+        EXPECT_EQ(count_of(r.log, "retry_times:2/2"), 0u);
+        EXPECT_EQ(h.requests().size(), 1u);
+    });
+}
+
+TEST(ArpCheck, PortWhoseSocketCannotBeBound)
+{
+    run_in_netns([] {
+        arptest::make_lan(2);
+        Host h1 = Host::responder("h1", {});
+        Host h2 = Host::responder("h2", {});
+        arptest::wait_forwarding(2);
+        // "ghost" has a record but no interface: SO_BINDTODEVICE fails.
+        Candidates c({"eth1", "ghost", "eth2"});
+        CheckRun r = check(c);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(c.names(), Names{"ghost"}) << "an unprobed port counts as answering";
+        EXPECT_EQ(c.list.dev_num, 1);
+        EXPECT_EQ(count_of(r.log, "init_arp_sockfd bind to dev:ghost fail!\n"), 1u) << r.log;
+        EXPECT_EQ(count_of(r.log, "Failed to init ARP socket for: 192.168.1.1|00-00-00-00-00-00, bind to dev:ghost\n"), 1u);
+        // The slot without a port prints an empty name and sends nothing.
+        EXPECT_EQ(count_of(r.log, "Failed to send ARP socket for: 0.0.0.0|00-00-00-00-00-00 via dev:\n"), 2u) << r.log;
+        EXPECT_EQ(count_of(r.log, "Skip sending arp packet due to socket error!\n"), 2u);
+        EXPECT_EQ(count_of(r.log, "No arp reply from 0.0.0.0|00-00-00-00-00-00 via dev:! \n"), 1u);
+        // The port after it still got its own slot and requests.
+        EXPECT_EQ(h2.requests().size(), 2u);
+        EXPECT_EQ(h1.requests().size(), 2u);
+    });
+}
+
+TEST(ArpCheck, EmptyList)
+{
+    run_in_netns([] {
+        arptest::make_lan(1);
+        Candidates c({});
+        CheckRun r = check(c);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(c.list.dev_num, 0);
+        EXPECT_EQ(count_of(r.log, "arp_detect_handle not null but arp_num=0, may cause unclosed socket fd \n"), 1u) << r.log;
+        EXPECT_EQ(count_of(r.log, "Target ip:192.168.1.1 not found with arp in each device!\n"), 1u);
+    });
+}
+
+TEST(ArpCheck, CountBelowTheChain)
+{
+    run_in_netns([] {
+        arptest::make_lan(2);
+        Host h1 = Host::responder("h1", {});
+        Host h2 = Host::responder("h2", {});
+        arptest::wait_forwarding(2);
+        Candidates c({"eth1", "eth2"});
+        c.list.dev_num = 1;  // one port more in the chain than counted
+        CheckRun r = check(c);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(count_of(r.log, "Impssible, will access out of bound! Check count of possible_dev_list!\n"), 1u);
+        EXPECT_EQ(c.names(), Names{"eth2"}) << "the unpaired port stays";
+        EXPECT_EQ(h2.requests().size(), 0u);
+    });
+}
+
+TEST(ArpCheck, BrLanUnusable)
+{
+    struct Case {
+        const char *what;
+        const char *bridge_cidr;  // nullptr: no br-lan at all
+        int result;
+        const char *message;
+    };
+    const Case cases[] = {
+        {"missing br-lan", nullptr, -87, "Couldn't get br-lan ip, netmask, mac!\n"},
+        {"br-lan without IPv4", "", -91, "invalid parameters! Send failed!\n"},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.what);
+        run_in_netns([&] {
+            if (k.bridge_cidr) {
+                arptest::make_lan(1, k.bridge_cidr);
+            } else {
+                ASSERT_TRUE(sh("ip link add eth1 type veth peer name h1 && ip link set eth1 up"));
+            }
+            Candidates c({"eth1"});
+            CheckRun r = check(c);
+            EXPECT_EQ(r.result, k.result);
+            EXPECT_EQ(c.list.dev_num, 0);
+            EXPECT_EQ(c.list.list.next, nullptr);
+            EXPECT_EQ(count_of(r.log, k.message), 1u) << r.log;
+            EXPECT_EQ(count_of(r.log, "Ready to send"), 0u);
+        });
+    }
+}
+
+TEST(ArpCheck, GivenTarget)
+{
+    run_in_netns([] {
+        arptest::make_lan(1);
+        Host h = Host::linux_host("h1", "192.168.1.20/24", false);
+        arptest::wait_forwarding(1);
+        Candidates c({"eth1"});
+        const uint32_t target = ip("192.168.1.20");
+        CheckRun r = check(c, &target);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(c.names(), Names{"eth1"});
+        EXPECT_EQ(count_of(r.log, "Entering function: find_target_ip_and_device_with_arp, target_ip=192.168.1.20!\n"), 1u);
+        EXPECT_EQ(count_of(r.log, "ARP announcement"), 0u);
+    });
+}
+
+}  // namespace
