@@ -108,14 +108,14 @@ int load_package(struct uci_context *ctx, const char *name, struct uci_package *
     std::string_view n(name);
     char *path;
     std::string_view pkg_name;
-    bool by_path = n.substr(0, 1) == "/" || n.substr(0, 2) == "./";
+    bool by_path = sv_slice(n, 0, 1) == "/" || sv_slice(n, 0, 2) == "./";
     if (by_path) {
         // A file given by path is the package named after its last component.
         size_t slash = n.rfind('/');
-        pkg_name = n.substr(slash + 1);
+        pkg_name = sv_slice(n, slash + 1);
         path = strdup(name);
     } else {
-        if (n.substr(0, 1) == ".")
+        if (sv_slice(n, 0, 1) == ".")
             return UCI_ERR_NOTFOUND;
         if (!valid_type(n))
             return UCI_ERR_INVAL;
@@ -162,8 +162,8 @@ int lookup_extended_section(struct uci_ptr *ptr, struct uci_section **found)
     size_t open = sec.find('[');
     if (sec.size() < 3 || sec[0] != '@' || open == std::string_view::npos || sec.back() != ']')
         return UCI_ERR_INVAL;
-    std::string_view type = sec.substr(1, open - 1);
-    std::string_view idx_text = sec.substr(open + 1, sec.size() - open - 2);
+    std::string_view type = sv_slice(sec, 1, open - 1);
+    std::string_view idx_text = sv_slice(sec, open + 1, sec.size() - open - 2);
     if (!type.empty() && !valid_type(type))
         return UCI_ERR_INVAL;
 

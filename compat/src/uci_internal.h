@@ -19,6 +19,19 @@ struct uci_parse_context {
 
 namespace uci_internal {
 
+// std::string_view::substr throws on a position past the end, and a single
+// reference to that throw drags the C++ exception and demangling runtime into
+// the daemon (tens of kilobytes on a router).  This one clamps instead.
+constexpr std::string_view sv_slice(std::string_view s, size_t pos,
+                                    size_t n = std::string_view::npos)
+{
+    if (pos > s.size())
+        pos = s.size();
+    if (n > s.size() - pos)
+        n = s.size() - pos;
+    return std::string_view(s.data() + pos, n);
+}
+
 // Entry of every call that returns an error code: forget the previous error.
 void clear_error(struct uci_context *ctx);
 // Stores err as the context's error and returns it.

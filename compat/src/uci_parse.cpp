@@ -175,7 +175,7 @@ private:
         size_t start = pos_;
         while (!at_end() && !is_blank(peek()))
             pos_++;
-        Keyword kw = keyword_of(data_.substr(start, pos_ - start));
+        Keyword kw = keyword_of(sv_slice(data_, start, pos_ - start));
         if (kw == Keyword::None)
             return error(ERR_INVALID_COMMAND, start);
         if (at_end()) {
