@@ -9,3 +9,9 @@ lp_add_test(NAME test_arp_check
                     ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
             MODULES arp_check arp_packet arp_sweep device_list device_table if_query log
             LABELS root)
+
+lp_add_test(NAME test_arp_sweep
+            SOURCES ${CMAKE_SOURCE_DIR}/tests/kernel/test_arp_sweep.cpp
+                    ${CMAKE_SOURCE_DIR}/tests/support/netns.cpp
+            MODULES arp_packet arp_sweep device_table if_query log
+            LABELS root)

@@ -207,6 +207,10 @@ private:
             ssize_t n = recv(s, f, sizeof(f), 0);
             if (n < 42 || f[20] != 0 || f[21] != 1)
                 continue;
+            // The veth passes up frames for other hosts too (flooded unicast).
+            static const uint8_t bcast[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+            if (memcmp(f, mac, 6) != 0 && memcmp(f, bcast, 6) != 0)
+                continue;
             log_frame(peer, f, n);
             if (seen < script.size())
                 for (const Reply &r : script[seen])

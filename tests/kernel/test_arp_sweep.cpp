@@ -1,0 +1,286 @@
+// The ARP-entry sweep against a real bridge br-lan, in both forms: blocking,
+// and on the event loop.  Nothing in the daemon fills the ARP-entry table, so
+// the tests fill it themselves.
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+#include "arp/arp_packet.h"
+#include "arp/arp_sweep.h"
+#include "kernel/arp_host.h"
+#include "registry/device_table.h"
+#include "support/if_query.h"
+#include "support/log.h"
+#include "support/netns.h"
+
+namespace {
+
+using arptest::Host;
+using arptest::ip;
+using arptest::Reply;
+using lptest::count_of;
+using lptest::run_in_netns;
+using lptest::StdoutCapture;
+
+void parse_mac(const std::string &text, uint8_t *mac)
+{
+    sscanf(text.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3],
+           &mac[4], &mac[5]);
+}
+
+t_arp_entry *add_entry(t_arp_entry **table, const uint8_t *mac, uint32_t addr)
+{
+    auto *e = static_cast<t_arp_entry *>(calloc(1, sizeof(t_arp_entry)));
+    memcpy(e->mac, mac, 6);
+    e->ip = addr;
+    HASH_ADD(hh, *table, mac, MAC_LEN, e);
+    return e;
+}
+
+void clear_table(t_arp_entry **table)
+{
+    t_arp_entry *e, *tmp;
+    HASH_ITER(hh, *table, e, tmp)
+    {
+        HASH_DEL(*table, e);
+        free(e);
+    }
+}
+
+struct Bridge {
+    uint32_t ip = 0, netmask = 0;
+    uint8_t mac[6] = {};
+    int ifindex = 0;
+    Bridge()
+    {
+        EXPECT_EQ(get_if_ip_netmask_mac("br-lan", &ip, &netmask, mac), 0);
+        ifindex = static_cast<int>(if_nametoindex("br-lan"));
+    }
+};
+
+// Five hosts, one per port, each standing for one way an entry can end:
+//   h1 .10  a Linux host that answers with its own address       -> kept
+//   h2 .20  answers with .77, still in the subnet                -> kept
+//   h3 .30  answers with 10.9.9.9, outside the subnet            -> removed by the reply
+//   h4 .40  junk, then a reply whose Ethernet source is not h4's -> removed as silent
+//   .50     a MAC that no host has                               -> removed as silent
+struct Lan {
+    std::vector<Host> hosts;
+    t_arp_entry *table = nullptr;
+    uint8_t mac[5][6] = {};
+
+    Lan()
+    {
+        arptest::make_lan(4);
+        for (int i = 0; i < 4; i++)
+            parse_mac(arptest::mac_of("h" + std::to_string(i + 1)), mac[i]);
+        const uint8_t nobody[6] = {0x02, 0xde, 0xad, 0x00, 0x00, 0x01};
+        memcpy(mac[4], nobody, 6);
+        hosts.push_back(Host::linux_host("h1", "192.168.1.10/24", false));
+        hosts.push_back(Host::responder("h2", {{Reply{ip("192.168.1.77")}}}));
+        hosts.push_back(Host::responder("h3", {{Reply{ip("10.9.9.9")}}}));
+        Reply spoofed{ip("192.168.1.40")};
+        spoofed.junk = 12;
+        spoofed.foreign_source = true;
+        hosts.push_back(Host::responder("h4", {{spoofed}}));
+        arptest::wait_forwarding(4);
+        const char *addrs[5] = {"192.168.1.10", "192.168.1.20", "192.168.1.30", "192.168.1.40",
+                                "192.168.1.50"};
+        for (int i = 0; i < 5; i++)
+            add_entry(&table, mac[i], ip(addrs[i]));
+    }
+    ~Lan() { clear_table(&table); }
+    bool has(int i) { return find_arp_entry(table, mac[i]) != nullptr; }
+};
+
+void expect_outcome(Lan &lan, const std::string &log)
+{
+    EXPECT_EQ(get_arp_entry_count(lan.table), 2u) << log;
+    EXPECT_TRUE(lan.has(0));
+    EXPECT_TRUE(lan.has(1));
+    EXPECT_FALSE(lan.has(2));
+    EXPECT_FALSE(lan.has(3));
+    EXPECT_FALSE(lan.has(4));
+    EXPECT_EQ(count_of(log, "arp reply success in 192.168.1.10|"), 1u) << log;
+    EXPECT_EQ(count_of(log, "arp reply new ip still remains same subnet with br-lan!\n"), 1u);
+    EXPECT_EQ(count_of(log, "arp reply new is not same subnet with br-lan! remove it from arp hash table!\n"), 1u);
+    EXPECT_EQ(count_of(log, "No arp reply from 192.168.1.40|"), 1u);
+    EXPECT_EQ(count_of(log, "No arp reply from 192.168.1.50|02-DE-AD-00-00-01! Remove it from arp hash table!\n"), 1u);
+    EXPECT_EQ(count_of(log, "No arp reply from 192.168.1.30|"), 0u) << "removed once, by its reply";
+    EXPECT_EQ(count_of(log, "doesn't existed"), 0u);
+    EXPECT_GE(count_of(log, "Not match eth header:"), 1u) << "h4's frames are not taken";
+    EXPECT_EQ(arp_detect_handle.arp_detect_array, nullptr) << "the run is released";
+}
+
+TEST(ArpSweep, Blocking)
+{
+    run_in_netns([] {
+        Lan lan;
+        Bridge br;
+        log_set_level(7);
+        StdoutCapture cap;
+        int rc = double_check_arp_packet_all_blocked(&lan.table, br.ip, br.netmask, br.mac, br.ifindex);
+        std::string log = cap.stop();
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(count_of(log, "arp reply receieve a different ip:192.168.1.77\n"), 1u) << log;
+        EXPECT_EQ(count_of(log, "arp reply receieve a different ip, orig:192.168.1.20\n"), 1u);
+        expect_outcome(lan, log);
+        // Each host was asked once, by a unicast from br-lan's MAC.
+        for (int i = 1; i < 4; i++) {
+            std::vector<std::string> seen = lan.hosts[i].requests();
+            ASSERT_EQ(seen.size(), 1u) << "h" << i + 1;
+            char dst[13];
+            snprintf(dst, sizeof(dst), "%02x%02x%02x%02x%02x%02x", lan.mac[i][0], lan.mac[i][1],
+                     lan.mac[i][2], lan.mac[i][3], lan.mac[i][4], lan.mac[i][5]);
+            EXPECT_EQ(seen[0].substr(0, 12), dst);
+            EXPECT_EQ(seen[0].substr(64, 12), dst) << "target hardware address";
+            EXPECT_EQ(seen[0].size(), 120u) << "60 bytes";
+        }
+    });
+}
+
+struct Poll {
+    uloop_timeout t{};
+    int ticks = 0;
+    int zeros = 0;
+    int result = -1000;
+};
+static_assert(std::is_standard_layout_v<Poll>);
+
+void poll_sweep(uloop_timeout *t)
+{
+    Poll *p = container_of(t, Poll, t);
+    p->ticks++;
+    int rc = process_arp_detect_all(p->ticks >= 15);
+    if (rc == 0) {
+        p->zeros++;
+        uloop_timeout_set(t, 100);
+        return;
+    }
+    p->result = rc;
+    uloop_end();
+}
+
+TEST(ArpSweep, EventLoop)
+{
+    run_in_netns([] {
+        Lan lan;
+        Bridge br;
+        ASSERT_EQ(uloop_init(), 0);
+        log_set_level(7);
+        StdoutCapture cap;
+        ASSERT_EQ(send_arp_packet_all(&lan.table, br.ip, br.netmask, br.mac, br.ifindex), 0);
+        EXPECT_EQ(arp_detect_handle.arp_num, 5);
+        Poll p;
+        p.t.cb = poll_sweep;
+        uloop_timeout_set(&p.t, 100);
+        uloop_run();
+        std::string log = cap.stop();
+        uloop_done();
+        EXPECT_EQ(p.result, 96) << "two entries never answer";
+        EXPECT_EQ(p.zeros, 14) << "waiting until the time is up";
+        EXPECT_EQ(count_of(log, "arp reply receieve a different ip:192.168.1.77, orig:192.168.1.20\n"), 1u) << log;
+        EXPECT_EQ(count_of(log, "Receieve arp reply from "), 3u);
+        EXPECT_LT(log.find("arp reply success in 192.168.1.10|"), log.find("Processing arp reply for"));
+        expect_outcome(lan, log);
+    });
+}
+
+TEST(ArpSweep, TablesThatCannotBeSwept)
+{
+    run_in_netns([] {
+        arptest::make_lan(0);
+        Bridge br;
+        ASSERT_EQ(uloop_init(), 0);
+        log_set_level(7);
+        t_arp_entry *table = nullptr;
+        {
+            StdoutCapture cap;
+            EXPECT_EQ(send_arp_packet_all(&table, br.ip, br.netmask, br.mac, br.ifindex), -99);
+            EXPECT_EQ(double_check_arp_packet_all_blocked(nullptr, br.ip, br.netmask, br.mac, br.ifindex), -99);
+            EXPECT_EQ(count_of(cap.stop(), "invalid parameters! Send failed!\n"), 2u);
+        }
+        uint8_t mac[6] = {0x02, 0x77, 0, 0, 0, 0};
+        for (int i = 0; i < 256; i++) {
+            mac[4] = static_cast<uint8_t>(i >> 8);
+            mac[5] = static_cast<uint8_t>(i);
+            add_entry(&table, mac, htonl(0xc0a80100u + static_cast<uint32_t>(i % 250) + 2));
+        }
+        {
+            StdoutCapture cap;
+            EXPECT_EQ(send_arp_packet_all(&table, br.ip, 0, br.mac, br.ifindex), -99) << "no netmask";
+            // 256 entries count as none in the 8-bit slot count.
+            EXPECT_EQ(send_arp_packet_all(&table, br.ip, br.netmask, br.mac, br.ifindex), -99);
+            std::string log = cap.stop();
+            EXPECT_EQ(count_of(log, "No arp entry in arp_table_hashmap_head!\n"), 1u) << log;
+            EXPECT_EQ(count_of(log, "Bind Arp socket"), 0u);
+            EXPECT_EQ(count_of(log, "Ready to send"), 0u);
+        }
+        // 300 entries: slots for the first 44 only, never past them.
+        for (int i = 256; i < 300; i++) {
+            mac[4] = static_cast<uint8_t>(i >> 8);
+            mac[5] = static_cast<uint8_t>(i);
+            add_entry(&table, mac, htonl(0xc0a80100u + static_cast<uint32_t>(i % 250) + 2));
+        }
+        {
+            StdoutCapture cap;
+            EXPECT_EQ(send_arp_packet_all(&table, br.ip, br.netmask, br.mac, br.ifindex), 0);
+            EXPECT_EQ(arp_detect_handle.arp_num, 44);
+            EXPECT_EQ(process_arp_detect_all(1), 96);
+            std::string log = cap.stop();
+            EXPECT_EQ(count_of(log, "Send Arp packet success for: "), 44u);
+            EXPECT_EQ(count_of(log, "Processing arp reply for: "), 44u);
+            EXPECT_EQ(get_arp_entry_count(table), 256u) << "the 44 silent entries with a slot are gone";
+        }
+        uloop_done();
+        clear_table(&table);
+    });
+}
+
+TEST(ArpSweep, SocketsRunOut)
+{
+    run_in_netns([] {
+        arptest::make_lan(0);
+        Bridge br;
+        t_arp_entry *table = nullptr;
+        const uint8_t a[6] = {0x02, 0x55, 0, 0, 0, 1}, b[6] = {0x02, 0x55, 0, 0, 0, 2};
+        add_entry(&table, a, ip("192.168.1.61"));
+        add_entry(&table, b, ip("192.168.1.62"));
+        log_set_level(7);
+        StdoutCapture cap;
+        // Room for exactly one more descriptor: the second slot gets no socket.
+        int probe = dup(0);
+        struct rlimit saved, tight;
+        getrlimit(RLIMIT_NOFILE, &saved);
+        tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>(probe) + 1;
+        close(probe);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+        int rc = double_check_arp_packet_all_blocked(&table, br.ip, br.netmask, br.mac, br.ifindex);
+        setrlimit(RLIMIT_NOFILE, &saved);
+        std::string log = cap.stop();
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(count_of(log, "Create ARP socket for 192.168.1.62|02-55-00-00-00-02 failed!\n"), 1u) << log;
+        EXPECT_EQ(count_of(log, "Failed to init ARP socket for: 192.168.1.62|02-55-00-00-00-02\n"), 1u);
+        EXPECT_EQ(count_of(log, "Skip sending arp packet due to socket error!\n"), 1u);
+        EXPECT_EQ(count_of(log, "Failed to send ARP socket for: 0.0.0.0|00-00-00-00-00-00\n"), 1u);
+        // Its target was cleared: the removal looks for the zero MAC and the
+        // entry itself stays.
+        EXPECT_EQ(count_of(log, "Arp entry:00-00-00-00-00-00 doesn't existed!\n"), 1u);
+        EXPECT_NE(find_arp_entry(table, b), nullptr);
+        EXPECT_EQ(find_arp_entry(table, a), nullptr);
+        clear_table(&table);
+    });
+}
+
+}  // namespace
