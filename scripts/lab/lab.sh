@@ -68,7 +68,13 @@ spawn() {
     echo "$! $name" >> "$STATE/pids"
 }
 
-alive() { kill -0 "$1" 2>/dev/null; }
+# Running, and not a zombie: servers outlive `lab.sh up` and are reaped by
+# whoever adopted them, possibly much later than they exit.
+alive() {
+    local st
+    st=$(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1)
+    [ -n "$st" ] && [ "$st" != Z ]
+}
 
 # Wait until a UDP socket on port 67 exists in the namespace (the server is up).
 wait_udp67() {
@@ -253,16 +259,20 @@ add_port() {   # ethN KIND
 
 # Every host sends one frame so that br-lan learns it behind its port (the
 # daemon probes only ports with a learned host).  The owner cannot ping
-# 192.168.1.1, which is itself: it announces its address instead.
+# 192.168.1.1, which is itself, and hosts behind ports outside the bridge
+# reach nobody: they announce their own address instead.
 cmd_learn() {
     load_state "$1"
     local port kind ns mac
     while read -r port kind ns; do
-        case "$kind" in
-            empty) ;;
-            owner) ip netns exec "$ns" busybox arping -q -U -c 1 -w 1 -I veth0 "$BR_IP" || true ;;
-            *) ip netns exec "$ns" busybox ping -q -c 1 -W 2 "$BR_IP" > /dev/null || die "$port: host cannot reach br-lan" ;;
-        esac
+        if [ "$kind" = empty ]; then
+            continue
+        elif [ "$kind" = owner ] || [ "$DETACHED" = 1 ]; then
+            ip netns exec "$ns" busybox arping -q -U -c 1 -w 1 -I veth0 \
+                "$(ip -n "$ns" -4 -o addr show dev veth0 | awk '{ sub("/.*", "", $4); print $4 }')" || true
+        else
+            ip netns exec "$ns" busybox ping -q -c 1 -W 2 "$BR_IP" > /dev/null || die "$port: host cannot reach br-lan"
+        fi
     done < "$STATE/ports"
     [ "$DETACHED" = 1 ] && return 0
     while read -r port kind ns; do
