@@ -27,6 +27,7 @@ extern "C" {
 #include "registry/device_table.h"
 #include "support/if_query.h"
 #include "support/log.h"
+#include "support/dnsmasq.h"
 #include "support/netns.h"
 #include "support/result_codes.h"
 
@@ -37,67 +38,12 @@ using lptest::sh;
 
 const char kDir[] = "/tmp/dnsmasq-test";
 
-// dnsmasq started by the test and stopped by its PID.
-class Dnsmasq {
-public:
-    bool Start()
-    {
-        mkdir(kDir, 0700);
-        std::string dir = kDir;
-        std::vector<std::string> args = {
-            "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=0", "--no-ping",
-            "--interface=p1", "--bind-interfaces", "--user=root", "--group=root",
-            "--dhcp-range=10.77.0.100,10.77.0.150,255.255.255.0,1h",
-            "--dhcp-option=3,10.77.0.254", "--dhcp-option=6,10.77.0.53,10.77.0.54",
-            "--dhcp-leasefile=" + dir + "/leases", "--pid-file=" + dir + "/pid",
-            "--log-facility=" + dir + "/log", "--log-dhcp"};
-        fflush(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
-            std::vector<char *> argv;
-            for (std::string &a : args)
-                argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            execvp("dnsmasq", argv.data());
-            _exit(127);
-        }
-        if (pid_ < 0)
-            return false;
-        // Ready once its DHCP socket is bound (port 67 = 0043 in /proc/net/udp);
-        // bounded by a number of checks.
-        for (int i = 0; i < 100; i++) {
-            std::ifstream udp("/proc/net/udp");
-            std::stringstream ss;
-            ss << udp.rdbuf();
-            if (ss.str().find(":0043 ") != std::string::npos)
-                return true;
-            int status;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return false;
-            }
-            usleep(50 * 1000);
-        }
-        return false;
-    }
-    ~Dnsmasq()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    std::string Log() const
-    {
-        std::ifstream in(std::string(kDir) + "/log");
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
-
-private:
-    pid_t pid_ = -1;
-};
+// The server behind eth1: its pool, gateway and two DNS servers.
+lptest::Dnsmasq MakeServer()
+{
+    return lptest::Dnsmasq("p1", "10.77.0.100", "10.77.0.150", "10.77.0.254",
+                           "10.77.0.53,10.77.0.54", kDir);
+}
 
 void MakeLanWithServer()
 {
@@ -133,7 +79,7 @@ TEST(DhcpServer, DnsmasqOfferIsTaken)
 {
     run_in_netns([] {
         MakeLanWithServer();
-        Dnsmasq server;
+        lptest::Dnsmasq server = MakeServer();
         ASSERT_TRUE(server.Start());
 
         t_device *eth1 = create_new_device("eth1");
@@ -162,7 +108,7 @@ TEST(DhcpServer, SweepReportsServer)
 {
     run_in_netns([] {
         MakeLanWithServer();
-        Dnsmasq server;
+        lptest::Dnsmasq server = MakeServer();
         ASSERT_TRUE(server.Start());
 
         t_device *eth1 = create_new_device("eth1");
