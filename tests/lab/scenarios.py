@@ -105,6 +105,10 @@ class Lab:
         subprocess.run(['bash', LAB, 'up', self.state] + args, check=True,
                        env=dict(os.environ, LAB_QUIET='1'))
         self.up_s = time.monotonic() - t
+        with open(os.path.join(self.state, 'namespaces')) as f:
+            self.namespaces = f.read().split()
+        with open(os.path.join(self.state, 'pids')) as f:
+            self.pids = [int(line.split()[0]) for line in f]
 
     def run(self, *daemon_args, console_log=False, binary=None):
         self.runs += 1
@@ -428,12 +432,22 @@ SCENARIOS = {
 }
 
 
-def selftest_teardown(state, ns_before):
-    """After down: no lab namespace, no lab process, no state left."""
-    check(not os.path.exists(state), 'state directory left behind')
-    ns_after = set(subprocess.run(['ip', 'netns', 'list'], capture_output=True, text=True).stdout.split())
-    ours = {n for n in ns_after - ns_before if n.startswith('lp')}
-    check(not ours, 'namespaces left behind: %r' % ours)
+def running(pid):
+    try:
+        with open('/proc/%d/stat' % pid) as f:
+            return f.read().rsplit(')', 1)[1].split()[0] != 'Z'
+    except OSError:
+        return False
+
+
+def check_teardown(lab):
+    """After down: none of the lab's namespaces, processes or state is left."""
+    check(not os.path.exists(lab.state), 'state directory left behind')
+    left = [n for n in lab.namespaces if os.path.exists(os.path.join('/run/netns', n))]
+    check(not left, 'namespaces left behind: %r' % left)
+    check(lab.namespaces and lab.pids is not None, 'the lab recorded no namespaces')
+    alive = [p for p in lab.pids if running(p)]
+    check(not alive, 'processes left behind: %r' % alive)
 
 
 def main():
@@ -458,7 +472,6 @@ def main():
             print('FAIL %s: no daemon binary at %s' % (name, a.bin))
             failed += 1
             continue
-        ns_before = set(subprocess.run(['ip', 'netns', 'list'], capture_output=True, text=True).stdout.split())
         t = time.monotonic()
         lab = None
         ok = False
@@ -466,7 +479,7 @@ def main():
             lab = Lab(spec, a)
             figures = fn(lab) or {}
             lab.down(keep=True)
-            selftest_teardown(lab.state, ns_before)
+            check_teardown(lab)
             figures['lab_up_s'] = round(lab.up_s, 1)
             ok = True
             print('PASS %s (%.1f s) %s' % (name, time.monotonic() - t, json.dumps(figures)))
