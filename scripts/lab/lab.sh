@@ -286,18 +286,18 @@ cmd_learn() {
 cmd_up() {
     STATE=$1; shift
     NO_SWITCH=0 DETACHED=0 WLAN=0
-    local specs=() s
+    local hosts=() s
     for s in "$@"; do
         case "$s" in
             --no-switch) NO_SWITCH=1 ;;
             --detached) DETACHED=1 ;;
             --wlan) WLAN=1 ;;
-            eth*=*) specs+=("$s") ;;
+            eth*=*) hosts+=("$s") ;;
             *) die "unknown up argument: $s" ;;
         esac
     done
-    if [ ${#specs[@]} -eq 0 ]; then
-        specs=(eth0=dnsmasq eth1=udhcpd eth2=dhcpd eth3=kea eth4=silent eth5=empty)
+    if [ ${#hosts[@]} -eq 0 ]; then
+        hosts=(eth0=dnsmasq eth1=udhcpd eth2=dhcpd eth3=kea eth4=silent eth5=empty)
         WLAN=1
     fi
     [ -e "$STATE/lab.env" ] && die "$STATE already holds a lab"
@@ -331,7 +331,7 @@ EOF
         ip -n "$ROUTER_NS" link set wlan0 up
     fi
     local ports=()
-    for s in "${specs[@]}"; do
+    for s in "${hosts[@]}"; do
         add_port "${s%%=*}" "${s#*=}"
         ports+=("${s%%=*}")
     done
@@ -339,7 +339,7 @@ EOF
     wait_ready
     cmd_learn "$STATE"
     trap - EXIT INT TERM
-    log "up: router namespace $ROUTER_NS, ports: ${specs[*]}"
+    log "up: router namespace $ROUTER_NS, ports: ${hosts[*]}"
 }
 
 # ------------------------------------------------------------------ down

@@ -92,6 +92,9 @@ def main():
     cmd = a.cmd[1:] if a.cmd and a.cmd[0] == '--' else a.cmd
     if os.getpid() != 1:
         sys.exit('nsinit: must be PID 1 of a new PID namespace')
+    # Interrupted: leave at once; the end of PID 1 ends every process of the namespace.
+    for s in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(s, lambda *_: os._exit(130))
 
     # The output directory may lie below /tmp, which is about to be hidden:
     # keep a descriptor and write everything relative to it.

@@ -467,7 +467,7 @@ def main():
         signal.signal(s, lambda *_: sys.exit(130))
     failed = 0
     for name in a.names or list(SCENARIOS):
-        spec, fn, needs_daemon = SCENARIOS[name]
+        layout, fn, needs_daemon = SCENARIOS[name]
         if needs_daemon and not os.access(a.bin, os.X_OK):
             print('FAIL %s: no daemon binary at %s' % (name, a.bin))
             failed += 1
@@ -476,7 +476,7 @@ def main():
         lab = None
         ok = False
         try:
-            lab = Lab(spec, a)
+            lab = Lab(layout, a)
             figures = fn(lab) or {}
             lab.down(keep=True)
             check_teardown(lab)
