@@ -32,7 +32,8 @@ t_frame_mac frame_mac(ByteView frame, size_t off)
 {
     t_frame_mac out;
     ByteView part = frame.from(off);
-    part.copy(0, out.b, part.size() < MAC_LEN ? part.size() : MAC_LEN);
+    if (part.size() > 0)
+        part.copy(0, out.b, part.size() < MAC_LEN ? part.size() : MAC_LEN);
     return out;
 }
 
