@@ -1,0 +1,149 @@
+# Steps of scripts/cross.sh.  Sourced; expects top, stage_root and jobs.
+
+note() { echo "cross: $*"; }
+
+apt_updated=0
+apt_update_once() {
+    if [ $apt_updated -eq 0 ]; then
+        apt-get update -qq
+        apt_updated=1
+    fi
+}
+
+# apt_install pkg...: installs the packages that are not installed yet.
+apt_install() {
+    missing=""
+    for p in "$@"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" ||
+            missing="$missing $p"
+    done
+    [ -z "$missing" ] && return 0
+    note "installing$missing"
+    apt_update_once
+    # shellcheck disable=SC2086
+    apt-get install -y -qq --no-install-recommends $missing >/dev/null
+}
+
+deps_common() {
+    apt_install build-essential cmake dpkg-dev uthash-dev googletest qemu-user
+}
+
+deps_aarch64() {
+    deps_common
+    if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+        note "adding the arm64 architecture"
+        dpkg --add-architecture arm64
+        apt_updated=0
+    fi
+    apt_install g++-aarch64-linux-gnu libjson-c-dev:arm64 libgtest-dev:arm64
+}
+
+# deb-src entries for the mirror and suites the machine already installs from,
+# in a sources file of their own, so that apt-get source works.
+enable_deb_src() {
+    if grep -rqs '^\(Types:.*deb-src\|deb-src \)' /etc/apt/sources.list /etc/apt/sources.list.d/; then
+        return 0
+    fi
+    if [ -f /etc/apt/sources.list.d/debian.sources ]; then
+        sed 's/^Types:.*/Types: deb-src/' /etc/apt/sources.list.d/debian.sources \
+            > /etc/apt/sources.list.d/lanprobe-deb-src.sources
+    elif [ -f /etc/apt/sources.list ]; then
+        sed -n 's/^deb \(.*\)/deb-src \1/p' /etc/apt/sources.list \
+            > /etc/apt/sources.list.d/lanprobe-deb-src.list
+    else
+        echo "cross: no apt sources to derive deb-src entries from" >&2
+        return 1
+    fi
+    note "added deb-src entries"
+    apt_updated=0
+}
+
+# stage_cmake <name> <source dir> <stage> <toolchain> [cmake args...]:
+# configures, builds and installs one third-party CMake project into a stage.
+stage_cmake() {
+    name=$1 src=$2 stage=$3 toolchain=$4
+    shift 4
+    bdir="$stage/.build/$name"
+    cmake -S "$src" -B "$bdir" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+        -DCMAKE_INSTALL_PREFIX="$stage" -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_BUILD_TYPE=MinSizeRel \
+        -Wno-dev "$@" >/dev/null
+    cmake --build "$bdir" -j "$jobs" >/dev/null
+    cmake --install "$bdir" >/dev/null
+}
+
+deps_mips() {
+    deps_common
+    apt_install g++-mips-linux-gnu
+    stage="$stage_root/mips"
+    toolchain="$top/cmake/toolchains/mips-linux-gnu.cmake"
+    mkdir -p "$stage"
+    if [ ! -f "$stage/.json-c.done" ]; then
+        enable_deb_src
+        apt_update_once
+        srcdir="$stage/.src"
+        rm -rf "$srcdir"
+        mkdir -p "$srcdir"
+        note "fetching and building json-c from its Debian source package"
+        (cd "$srcdir" && apt-get source -qq json-c >/dev/null 2>&1)
+        jsrc=$(find "$srcdir" -mindepth 1 -maxdepth 1 -type d -name 'json-c-*' | head -n 1)
+        [ -n "$jsrc" ] || { echo "cross: apt-get source json-c gave no source tree" >&2; return 1; }
+        stage_cmake json-c "$jsrc" "$stage" "$toolchain" \
+            -DBUILD_TESTING=OFF -DDISABLE_WERROR=ON -DBUILD_SHARED_LIBS=ON -DBUILD_STATIC_LIBS=ON
+        basename "$jsrc" > "$stage/.json-c.done"
+    fi
+    if [ ! -f "$stage/include/uthash.h" ]; then
+        # Header-only and the same for every target.
+        mkdir -p "$stage/include"
+        cp /usr/include/uthash.h /usr/include/utlist.h /usr/include/utarray.h \
+            /usr/include/utstring.h "$stage/include/"
+    fi
+    if [ ! -f "$stage/.gtest.done" ]; then
+        note "building GoogleTest from /usr/src/googletest"
+        stage_cmake googletest /usr/src/googletest "$stage" "$toolchain" \
+            -DBUILD_GMOCK=OFF -DINSTALL_GTEST=ON
+        touch "$stage/.gtest.done"
+    fi
+}
+
+triplet_of() {
+    case $1 in
+        aarch64) echo aarch64-linux-gnu ;;
+        mips) echo mips-linux-gnu ;;
+    esac
+}
+
+build_arch() {
+    arch=$1
+    triplet=$(triplet_of "$arch")
+    bdir="$top/build-cross-$arch"
+    note "building for $triplet in $bdir"
+    LANPROBE_CROSS_STAGE="$stage_root" cmake -S "$top" -B "$bdir" \
+        -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchains/$triplet.cmake" >/dev/null
+    cmake --build "$bdir" -j "$jobs"
+}
+
+# The binary checks (no libstdc++ needed at run time, no exception runtime)
+# with the target's binutils.
+check_binary_arch() {
+    arch=$1
+    triplet=$(triplet_of "$arch")
+    tools=$(mktemp -d)
+    ln -s "$(command -v "$triplet-readelf")" "$tools/readelf"
+    ln -s "$(command -v "$triplet-nm")" "$tools/nm"
+    rc=0
+    PATH="$tools:$PATH" sh "$top/tests/unit/check_binary.sh" "$top/build-cross-$arch/lanprobe" || rc=$?
+    rm -rf "$tools"
+    return $rc
+}
+
+# Tests labelled root need namespaces, bridges or packet sockets of the build
+# machine's kernel and stay native; everything else runs under qemu-user
+# through the toolchain's CMAKE_CROSSCOMPILING_EMULATOR.  footprint_binary is
+# run by check_binary_arch with the target's binutils instead.
+test_arch() {
+    arch=$1
+    note "testing $arch under qemu-user"
+    check_binary_arch "$arch"
+    (cd "$top/build-cross-$arch" &&
+        ctest -LE 'root|lab' -E '^footprint_binary$' -j "$jobs" --output-on-failure)
+}
