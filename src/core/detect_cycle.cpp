@@ -31,6 +31,7 @@ void init_detect_cycle(void)
         LOG_MSG(LOG_LEVEL_CRITICAL, "init_all_eth_device failed!\n");
         // The SIGTERM handler cleans up and exits 0; the result file keeps
         // its placeholder because nothing was detected.
+        mark_self_termination();
         if (raise(SIGTERM) != 0)
             exit(1);
         return;

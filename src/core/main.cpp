@@ -39,6 +39,7 @@ int main(int argc, char **argv)
     init_signal();
     srand(static_cast<unsigned int>(time(nullptr)));
     uloop_init();
+    init_term_deferral();
 
     init_detect_cycle();
 

@@ -45,12 +45,13 @@ public:
     {
         if (!has(off, n))
             return false;
-        memcpy(out, data_ + off, n);
+        if (n != 0)  // an empty view may hold a null pointer
+            memcpy(out, data_ + off, n);
         return true;
     }
     bool equals(size_t off, const void *bytes, size_t n) const
     {
-        return has(off, n) && memcmp(data_ + off, bytes, n) == 0;
+        return has(off, n) && (n == 0 || memcmp(data_ + off, bytes, n) == 0);
     }
     // The part from off on (empty when off lies past the end).
     ByteView from(size_t off) const

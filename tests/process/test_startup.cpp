@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include "support/netns.h"
+
 namespace {
 
 struct Run {
@@ -31,6 +33,7 @@ struct Run {
     bool log_file = false;            // create an empty /tmp/lanprobe.log first
     const char *result_before = nullptr;  // pre-existing /tmp/lanprobe_result content
     int signal = SIGTERM;             // sent to the daemon once it waits in its loop
+    bool lan = false;                 // give it a LAN to probe: br-lan, eth0 with a silent host
 };
 
 struct Outcome {
@@ -141,6 +144,20 @@ bool ReapWithin(pid_t pid, int *status, int ms)
     return false;
 }
 
+// br-lan with one port, eth0, behind which the bridge knows a host that never
+// answers: the daemon then probes eth0 and waits in its loop until the
+// deadline, without ever writing a document of its own accord before it.
+bool MakeLan()
+{
+    return lptest::sh("ip link add br-lan type bridge && ip addr add 192.168.1.1/24 dev br-lan && "
+                      "ip link set br-lan up && ip link add eth0 type veth peer name p0 && "
+                      "ip link set eth0 master br-lan && ip link set eth0 up && ip link set p0 up && "
+                      "bridge fdb add 02:00:00:00:0a:01 dev eth0 master static") &&
+           lptest::write_config("network", "config interface 'lan'\n\toption ifname 'eth0'\n") &&
+           lptest::write_config("switch", "config switch_port\n\toption port '1'\n"
+                                          "\toption ifname 'eth0'\n\toption label 'LAN1'\n");
+}
+
 // Runs as PID 1 of the new namespace; returns the encoded outcome.
 std::string NamespaceInit(const Run &run)
 {
@@ -235,12 +252,14 @@ Outcome Start(const Run &run)
             (void)!write(res[1], msg.data(), msg.size());
             _exit(1);
         };
-        if (unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET) != 0)
-            fail("unshare");
-        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-            fail("make / private");
-        if (mount("tmpfs", "/tmp", "tmpfs", 0, "size=8m") != 0)
-            fail("tmpfs");
+        if (!lptest::enter_namespaces())
+            fail("namespaces");
+        // Before the PID namespace: the first process forked after it (even
+        // system()'s shell) would become that namespace's init.
+        if (run.lan && !MakeLan())
+            fail("lan");
+        if (unshare(CLONE_NEWPID) != 0)
+            fail("unshare pid");
         if (mkfifo("/tmp/console.fifo", 0600) != 0)
             fail("mkfifo");
         if (mount("/tmp/console.fifo", "/dev/console", nullptr, MS_BIND, nullptr) != 0)
@@ -358,9 +377,11 @@ TEST(StartupProcessTest, ForkAndRunUntilSignal)
     for (const Case &c : cases) {
         std::string what = c.args.empty() ? "(none)" : c.args[0];
         what += " sig " + std::to_string(c.signal);
-        Outcome o = Start({c.args, false, "previous run", c.signal});
+        Outcome o = Start({c.args, false, "previous run", c.signal, true});
         ASSERT_EQ(o.error, "") << what;
         EXPECT_TRUE(ExitedWith(o.parent_status, 0)) << what;
+        // Stopped from outside before its deadline: the placeholder stays.
+        EXPECT_EQ(o.result, "time 19") << what;
         ASSERT_TRUE(o.result_exists_at_parent_exit) << what;
         EXPECT_EQ(o.result_at_parent_exit, "time 19") << what;
         ASSERT_GT(o.daemon_pid, 1) << what;
@@ -375,7 +396,7 @@ TEST(StartupProcessTest, ForkAndRunUntilSignal)
 // line: it reaches the sink before the descriptors are given back.
 TEST(StartupProcessTest, SigtermLineEndsTheLog)
 {
-    Outcome o = Start({{"-d", "7"}, true, nullptr, SIGTERM});
+    Outcome o = Start({{"-d", "7"}, true, nullptr, SIGTERM, true});
     ASSERT_EQ(o.error, "");
     EXPECT_TRUE(ExitedWith(o.parent_status, 0));
     EXPECT_EQ(o.console, "Success set lanprobe debug level to 7!\n");

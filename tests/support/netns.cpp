@@ -34,6 +34,8 @@ bool exists(const char *path)
     return stat(path, &st) == 0;
 }
 
+}  // namespace
+
 // Everything the child needs before the test body runs.  Any failure here is
 // reported and ends the child with a distinct status.
 bool enter_namespaces()
@@ -86,8 +88,6 @@ bool enter_namespaces()
     // Loopback up, as on any router; nothing in the tests sends through it.
     return system("ip link set lo up") == 0;
 }
-
-}  // namespace
 
 void run_in_netns(const std::function<void()> &body)
 {

@@ -22,6 +22,12 @@ namespace lptest {
 // the test too.
 void run_in_netns(const std::function<void()> &body);
 
+// The set-up run_in_netns does in its child, for harnesses that fork on their
+// own (for instance to add a PID namespace): new network and mount
+// namespaces, a fresh sysfs and /tmp, an empty writable /etc/config, lo up.
+// Reports on stderr and returns false when a step fails.
+bool enter_namespaces();
+
 // Where fixture configuration files go inside run_in_netns ("/etc/config").
 const char *config_dir();
 
