@@ -1,0 +1,35 @@
+#!/bin/bash
+# Builds everything with AddressSanitizer and UndefinedBehaviorSanitizer
+# (LANPROBE_SANITIZE=ON) in a build directory of its own and runs the tests
+# from it: unit, process and kernel tests, the fuzz corpus replays, and the
+# lab's end-to-end scenarios, which then run the sanitized daemon.  Needs root.
+#
+#   scripts/test-sanitized.sh [ctest arguments...]
+#
+# Environment: SAN_BUILD_DIR (default build-asan), SAN_JOBS (build jobs, 2).
+# Any sanitizer report fails the test it happens in: the build aborts on the
+# first UBSan finding (-fno-sanitize-recover=all), and ASan/LSan reports end
+# the process with a non-zero status.
+set -eu
+TOP=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${SAN_BUILD_DIR:-$TOP/build-asan}
+start=$(date +%s)
+
+# gcc's string-truncation warning misfires on the bounded strncpy copies once
+# ASan instruments them; it stays a warning here (the release build keeps it
+# an error).
+cmake -S "$TOP" -B "$BUILD" -DLANPROBE_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_FLAGS=-Wno-error=stringop-truncation > /dev/null
+cmake --build "$BUILD" -j"${SAN_JOBS:-2}"
+built=$(date +%s)
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+cd "$BUILD"
+# footprint_binary checks the size and the symbols of the release binary; an
+# instrumented binary says nothing about either.
+status=0
+ctest --output-on-failure -j1 -E '^footprint_binary$' "$@" || status=$?
+end=$(date +%s)
+echo "sanitized tests: build $((built - start)) s, tests $((end - built)) s, status $status"
+exit $status
