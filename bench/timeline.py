@@ -140,7 +140,7 @@ def describe(t, events):
     return best[2] if best else 'start'
 
 
-def run_once(lab, work, tag, bin_path, debug, traced):
+def run_once(lab, work, tag, bin_path, debug, traced, limit=60):
     d = os.path.join(work, tag)
     os.makedirs(d)
     pcap = os.path.join(d, 'cap.pcap')
@@ -152,7 +152,7 @@ def run_once(lab, work, tag, bin_path, debug, traced):
                 'strace', '-f', '-ttt', '-T', '--seccomp-bpf', '-e', 'trace=' + TRACED, '-o', st, bin_path])
         else:
             run_bin = bin_path
-        lab.run(os.path.join(d, 'out'), run_bin, ['-d', str(debug)], limit=60)
+        lab.run(os.path.join(d, 'out'), run_bin, ['-d', str(debug)], limit=limit)
     finally:
         stop_capture(cap)
     result = json.load(open(os.path.join(d, 'out', 'result')))['result']
@@ -162,7 +162,10 @@ def run_once(lab, work, tag, bin_path, debug, traced):
 
 def analyse(n, lab, work, bin_path, debug, show_events):
     names = lab.ifindexes()
-    d, result, frames = run_once(lab, work, 'traced', bin_path, debug, True)
+    probed = min(n, 100)  # discovery keeps at most 100 ports
+    # Two ARP attempts of (ports x 300 ms + 310 ms) each, then the DHCP pass.
+    limit = max(60.0, 2 * (probed * 0.3 + 0.31) + 30)
+    d, result, frames = run_once(lab, work, 'traced', bin_path, debug, True, limit)
     calls, exits = traceparse.read_strace(os.path.join(d, 'strace.txt'))
     pids = daemon_pids_of(calls)
     events = sorted(wire_events(frames, names) + trace_events(calls, exits, pids))
@@ -217,7 +220,7 @@ def analyse(n, lab, work, bin_path, debug, show_events):
         print('  %-32s %s' % (k, '%.3f' % v if isinstance(v, float) else v))
 
     # Capture-only run: wire gaps minus the waits they hold by construction.
-    _d2, result2, frames2 = run_once(lab, work, 'wire', bin_path, debug, False)
+    _d2, result2, frames2 = run_once(lab, work, 'wire', bin_path, debug, False, limit)
     wev = sorted(wire_events(frames2, names))
     arp = [e[0] for e in wev if e[2].startswith('ARP')]
     disc = [e[0] for e in wev if e[2].startswith('DISCOVER')]
@@ -225,7 +228,7 @@ def analyse(n, lab, work, bin_path, debug, show_events):
     # frame of attempt 2 follows the last of attempt 1 after 310 + 300 ms.
     extra = []
     for i in range(1, len(arp)):
-        spec = 0.610 if i == n else 0.300
+        spec = 0.610 if i == probed else 0.300
         extra.append((arp[i] - arp[i - 1] - spec) * 1e3)
     after_arp = (disc[0] - arp[-1] - 0.310) * 1e3 if disc and arp else None
     disc_gaps = [(disc[i] - disc[i - 1]) * 1e3 for i in range(1, len(disc))]
