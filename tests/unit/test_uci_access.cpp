@@ -1,5 +1,5 @@
 // Configuration access on /etc/config: each case runs in a child whose own
-// mount namespace shows a fixture directory there.  Log lines are read back
+// mount namespace has a writable /etc/config of its own.  Log lines are read back
 // from standard output at level 7.
 #include <string.h>
 
@@ -7,13 +7,33 @@
 
 #include "support/log.h"
 #include "support/uci_access.h"
-#include "unit/test_uci_helpers.h"
+#include "support/netns.h"
+
+#include <fstream>
+#include <sstream>
+#include <functional>
+
+#include <gtest/gtest.h>
 
 namespace {
 
-using uci_test::capture_stdout;
-using uci_test::run_with_etc_config;
-using uci_test::TempDir;
+using lptest::run_in_netns;
+using lptest::write_config;
+
+std::string capture_stdout(const std::function<void()> &fn)
+{
+    lptest::StdoutCapture cap;
+    fn();
+    return cap.stop();
+}
+
+std::string read_config(const char *package)
+{
+    std::ifstream in(std::string("/etc/config/") + package);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
 
 const std::string value70(70, 'v');
 
@@ -42,10 +62,8 @@ struct GetCase {
 
 TEST(UciAccess, GetValueOutcomes)
 {
-    TempDir dir;
-    dir.write("network", "config interface 'lan'\n\toption ifname 'eth0 eth1'\n\toption long '" + value70 +
-                             "'\n\tlist dns 'a'\n\nconfig interface\n\toption ifname 'eth9'\n");
-    dir.write("broken", "config a x\n\toption\n");
+    const std::string network = "config interface 'lan'\n\toption ifname 'eth0 eth1'\n\toption long '" + value70 +
+                             "'\n\tlist dns 'a'\n\nconfig interface\n\toption ifname 'eth9'\n";
     const std::string cut64 = value70.substr(0, 64);
     const GetCase cases[] = {
         {"network.lan.ifname", 0, "eth0 eth1", ""},
@@ -59,7 +77,9 @@ TEST(UciAccess, GetValueOutcomes)
         {"broken.a.x", -1, nullptr, "Info: fail to get ptr broken \n"},
         {"network.lan-1.ifname", -1, nullptr, "Info: fail to get ptr network \n"},
     };
-    run_with_etc_config(dir.path(), [&] {
+    run_in_netns([&] {
+        ASSERT_TRUE(write_config("network", network));
+        ASSERT_TRUE(write_config("broken", "config a x\n\toption\n"));
         log_set_level(LOG_LEVEL_DEBUG);
         for (const GetCase &c : cases) {
             char value[UCI_ACCESS_BUF_SIZE + 8];
@@ -90,10 +110,9 @@ TEST(UciAccess, GetValueOutcomes)
 
 TEST(UciAccess, WritingFamilyRoundTrips)
 {
-    TempDir dir;
-    dir.write("lanprobe", "config main 'cfg'\n\toption a '1'\n\tlist l 'x'\n");
-    dir.write("other", "config o 's'\n\toption v '1'\n");
-    run_with_etc_config(dir.path(), [&] {
+    run_in_netns([&] {
+        ASSERT_TRUE(write_config("lanprobe", "config main 'cfg'\n\toption a '1'\n\tlist l 'x'\n"));
+        ASSERT_TRUE(write_config("other", "config o 's'\n\toption v '1'\n"));
         log_set_level(LOG_LEVEL_DEBUG);
         std::string out = capture_stdout([&] { EXPECT_EQ(_uci_set_value_commit("lanprobe.cfg.a", "2"), 0); });
         EXPECT_EQ(messages(out), "Info: p_uci_str:lanprobe.cfg.a, p_value:2\n"
@@ -116,7 +135,7 @@ TEST(UciAccess, WritingFamilyRoundTrips)
         out = capture_stdout([&] { EXPECT_EQ(_uci_delete_commit("lanprobe", nullptr, "a"), -1); });
         EXPECT_EQ(messages(out), "Error: invalid parameter\n");
 
-        EXPECT_EQ(std::string(dir.read("lanprobe")), "\nconfig main 'cfg'\n\tlist l 'x'\n\tlist l 'x'\n\tlist l 'y'\n\n");
+        EXPECT_EQ(read_config("lanprobe"), "\nconfig main 'cfg'\n\tlist l 'x'\n\tlist l 'x'\n\tlist l 'y'\n\n");
 
         // Slot form: several changes, one context, one commit.
         struct uci_context *ctx = nullptr;
@@ -129,11 +148,11 @@ TEST(UciAccess, WritingFamilyRoundTrips)
         EXPECT_EQ(_uci_add_list(&ctx, "other", "s", "w", "a"), 0);
         EXPECT_EQ(_uci_del_add_list(&ctx, "other", "s", "v", "2"), 0); // string "2" -> [2, 2]
         EXPECT_EQ(ctx, first) << "the same context is handed back";
-        EXPECT_EQ(dir.read("other"), "config o 's'\n\toption v '1'\n") << "nothing written yet";
+        EXPECT_EQ(read_config("other"), "config o 's'\n\toption v '1'\n") << "nothing written yet";
         struct uci_package *p = uci_lookup_package(ctx, "other");
         ASSERT_NE(p, nullptr);
         ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
-        EXPECT_EQ(dir.read("other"), "\nconfig o 's'\n\tlist v '2'\n\tlist v '2'\n\tlist w 'a'\n\n");
+        EXPECT_EQ(read_config("other"), "\nconfig o 's'\n\tlist v '2'\n\tlist v '2'\n\tlist w 'a'\n\n");
         // _uci_commit loads lanprobe into the context and commits it (nothing to write here).
         out = capture_stdout([&] { EXPECT_EQ(_uci_commit(ctx), 0); });
         EXPECT_EQ(messages(out), "Debug: success commit\n");
@@ -173,15 +192,6 @@ TEST(UciAccess, StrlcpyN)
     char dst[4] = {'#', '#', '#', '#'};
     EXPECT_EQ(strlcpy_n(dst, "abc", 0), 3u);
     EXPECT_EQ(memcmp(dst, "####", 4), 0) << "size 0 writes nothing, not even a terminator";
-}
-
-TEST(UciAccess, ContextHelpers)
-{
-    struct uci_context *ctx = uci_ctx_init("/somewhere");
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_STREQ(ctx->confdir, "/somewhere");
-    uci_ctx_free(ctx);
-    uci_ctx_free(nullptr); // accepted, unlike uci_free_context
 }
 
 } // namespace

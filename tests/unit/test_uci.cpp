@@ -1,0 +1,271 @@
+// Our libuci: the file parser (package built, or the exact uci_perror text),
+// uci_lookup_ptr on the network fixture, and changes committed to real files.
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <uci.h>
+
+#include "support/netns.h"
+
+namespace {
+
+using lptest::StdoutCapture;
+
+// A fresh configuration directory, removed with its files at the end of the scope.
+struct ConfDir {
+    std::string path;
+    ConfDir()
+    {
+        char tmpl[] = "/tmp/lp_uci_XXXXXX";
+        path = mkdtemp(tmpl) ? tmpl : "";
+    }
+    ~ConfDir() { lptest::sh("rm -rf '" + path + "'"); }
+    void write(const std::string &name, const std::string &text) const
+    {
+        ASSERT_TRUE(lptest::write_file(path + "/" + name, text));
+    }
+    std::string read(const std::string &name) const
+    {
+        std::ifstream in(path + "/" + name, std::ios::binary);
+        std::ostringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+};
+
+// "type name{opt=value;lst=[a,b]} ..." for a whole package, in list order;
+// anonymous sections are marked with '*'.
+std::string dump(struct uci_package *p)
+{
+    std::string out;
+    struct uci_element *se, *oe, *ie;
+    uci_foreach_element(&p->sections, se)
+    {
+        struct uci_section *s = uci_to_section(se);
+        out += std::string(out.empty() ? "" : " ") + s->type + ' ' + se->name + (s->anonymous ? "*" : "") + '{';
+        const char *sep = "";
+        uci_foreach_element(&s->options, oe)
+        {
+            struct uci_option *o = uci_to_option(oe);
+            out += std::string(sep) + oe->name + '=';
+            sep = ";";
+            if (o->type == UCI_TYPE_STRING) {
+                out += o->v.string;
+                continue;
+            }
+            std::string items;
+            uci_foreach_element(&o->v.list, ie) items += std::string(items.empty() ? "" : ",") + ie->name;
+            out += '[' + items + ']';
+        }
+        out += '}';
+    }
+    return out;
+}
+
+// The package dump on success, else "rc <n>: <uci_perror text>".
+std::string load_text(const std::string &text)
+{
+    ConfDir dir;
+    dir.write("f", text);
+    struct uci_context *ctx = uci_alloc_context();
+    uci_set_confdir(ctx, dir.path.c_str());
+    struct uci_package *p = nullptr;
+    int rc = uci_load(ctx, "f", &p);
+    std::string out;
+    if (rc == UCI_OK) {
+        out = dump(p);
+    } else {
+        EXPECT_EQ(p, nullptr) << "a failed load hands back no package";
+        EXPECT_TRUE(uci_list_empty(&ctx->root)) << "a failed load adds nothing to the context";
+        StdoutCapture err(2);
+        uci_perror(ctx, "f");
+        out = "rc " + std::to_string(rc) + ": " + err.stop();
+    }
+    uci_free_context(ctx);
+    return out;
+}
+
+TEST(UciParse, Table)
+{
+    const struct {
+        const char *text;
+        const char *result;
+    } cases[] = {
+        {"", ""},
+        {"\n  \n# only a comment\n", ""},
+        {"package network\nconfig interface 'lan'\n\toption ifname 'eth0 eth1'\n", "interface lan{ifname=eth0 eth1}"},
+        {"config t s\n\toption b \"dq \\\"x\\\" \\\\ \\n \\t $y\"\n", "t s{b=dq \"x\" \\ n t $y}"},
+        {"config t s\n\toption c 'sq \\n \"x\" # not comment'\n", "t s{c=sq \\n \"x\" # not comment}"},
+        {"config t s\n\toption f cont\\\ninued\n", "t s{f=continued}"},
+        {"config t s\n\toption u 'it'\\''s'\n", "t s{u=it's}"},
+        {"config t s\n\toption h a#b\n", "t s{h=a}"},
+        {"config t s\r\n\toption crlf v\r\n", "t s{crlf=v}"},
+        {"config t s\n\toption a x ; option b y\n", "t s{a=x;b=y}"},
+        {"config t s\n\toption a x; option b y\n", "t s{a=x}"},
+        {"c t 1x\n\to 9 v\n\tl L a\n\tl L b\n", "t 1x{9=v;L=[a,b]}"},
+        {"config t s\n\toption a 1\n\toption a ''\n\toption a\n\tlist l ''\n", "t s{a=1;l=[]}"},
+        {"config t s\n\toption a 1\n\tlist a 2\n", "t s{a=[1,2]}"},
+        {"config t s\n\tlist a 1\n\tlist a 2\n\toption a 3\n", "t s{a=3}"},
+        {"config t a\n\toption x 1\nconfig t b\nconfig t a\n\toption x 2\n\toption y 3\n", "t a{x=2;y=3} t b{}"},
+        {"config t s\n\toption o abc\\", "t s{o=abc}"},
+        // anonymous names: cfg, the running section count in hex, the low bits of the type's hash
+        {"config switch\nconfig switch_port\n\toption port 1\nconfig interface named\nconfig interface\n",
+         "switch cfg013777*{} switch_port cfg02e37b*{port=1} interface named{} interface cfg046d96*{}"},
+        {"config a x\n\toption o 1\n\tfoo bar\n", "rc 5: f: Parse error (invalid command) at line 3, byte 1\n"},
+        {"config a x\n\toption o \"unterminated\n", "rc 5: f: Parse error (EOF with unterminated \") at line 2, byte 24\n"},
+        {"config", "rc 5: f: Parse error (config without name) at line 0, byte 0\n"},
+        {"config \n", "rc 5: f: Parse error (insufficient arguments) at line 1, byte 8\n"},
+        {"config a b c\n", "rc 5: f: Parse error (too many arguments) at line 1, byte 13\n"},
+        {"config a b-c\n", "rc 5: f: Parse error (invalid character in name field) at line 1, byte 13\n"},
+        {"config 'a b' x\n", "rc 5: f: Parse error (invalid character in type field) at line 1, byte 13\n"},
+        {"\toption x 1\n",
+         "rc 5: f: Parse error (option/list command found before the first section) at line 1, byte 1\n"},
+        {"config a x\nconfig b x\n",
+         "rc 5: f: Parse error (section of different type overwrites prior section with same name) at line 2, byte 11\n"},
+        {"\n\nconfig a x\n\t\toption o \"abc\" def\n", "rc 5: f: Parse error (too many arguments) at line 4, byte 21\n"},
+        {"config a x\n\toption", "rc 5: f: Parse error (option without name) at line 1, byte 1\n"},
+        {"config a x\n\toption o 'abc", "rc 5: f: Parse error (EOF with unterminated ') at line 1, byte 14\n"},
+        {"c a\n\xff\xfe binary\n", "rc 5: f: Parse error (invalid command) at line 2, byte 0\n"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(load_text(c.text), c.result) << c.text;
+}
+
+TEST(UciParse, MissingPackageAndSecondLoad)
+{
+    ConfDir dir;
+    dir.write("network", "config interface lan\n");
+    struct uci_context *ctx = uci_alloc_context();
+    uci_set_confdir(ctx, dir.path.c_str());
+    struct uci_package *p = nullptr, *again = nullptr;
+    EXPECT_EQ(uci_load(ctx, "switch", &p), UCI_ERR_NOTFOUND);
+    StdoutCapture err(2);
+    uci_perror(ctx, "switch");
+    EXPECT_EQ(err.stop(), "switch: Entry not found\n");
+    ASSERT_EQ(uci_load(ctx, "network", &p), UCI_OK);
+    EXPECT_EQ(uci_load(ctx, "network", &again), UCI_ERR_DUPLICATE);
+    EXPECT_EQ(again, nullptr);
+    ASSERT_EQ(uci_unload(ctx, p), UCI_OK);
+    EXPECT_EQ(uci_load(ctx, "network", &again), UCI_OK);
+    uci_free_context(ctx);
+}
+
+TEST(UciLookup, Table)
+{
+    const struct {
+        const char *key;
+        bool extended;
+        int rc, flags, target;
+        const char *pso;  // which of p, s, o, last are set ('-' when NULL)
+        int last_type;    // when last is set
+        const char *section;
+    } cases[] = {
+        {"network.lan.ifname", true, 0, 0x3, 4, "psoL", 4, "lan"},
+        {"network.lan", true, 0, 0x3, 3, "ps-L", 3, nullptr},
+        {"nosuch.lan.ifname", true, 3, 0x1, 4, "----", 0, nullptr},
+        {"network.nosuch.ifname", true, 0, 0x1, 4, "p--L", 2, nullptr},
+        {"network.lan.nosuch", true, 0, 0x1, 4, "ps-L", 3, nullptr},
+        {"network.wan.dns", true, 0, 0x3, 4, "psoL", 4, nullptr},
+        {"network.@interface[-1].ifname", true, 0, 0x7, 4, "psoL", 4, "cfg046d96"},
+        {"network.@interface[9].ifname", true, 0, 0x5, 4, "p--L", 2, "@interface[9]"},
+        {"network.@interface[0].ifname", false, 2, 0x5, 4, "p--L", 2, nullptr},
+        {"network.@interface[x]", true, 2, 0, 0, "----", 0, nullptr},
+        {"network.lan-x.ifname", true, 2, 0, 0, "----", 0, nullptr},
+        {"network.lan.if-name", true, 5, 0, 0, "----", 0, nullptr},
+        {"a.b.c.d", true, 5, 0, 0, "----", 0, nullptr},
+    };
+    const std::string fixtures = std::string(LANPROBE_SOURCE_DIR) + "/tests/fixtures/uci";
+    for (const auto &c : cases) {
+        struct uci_context *ctx = uci_alloc_context();
+        uci_set_confdir(ctx, fixtures.c_str());
+        char buf[128];
+        strcpy(buf, c.key);
+        struct uci_ptr ptr;
+        memset(&ptr, 0xa5, sizeof(ptr));  // whatever was there is discarded
+        EXPECT_EQ(uci_lookup_ptr(ctx, &ptr, buf, c.extended), c.rc) << c.key;
+        EXPECT_EQ(ctx->err, c.rc) << c.key;
+        EXPECT_EQ(static_cast<int>(ptr.flags), c.flags) << c.key;
+        EXPECT_EQ(static_cast<int>(ptr.target), c.target) << c.key;
+        EXPECT_EQ(std::string(ptr.p ? "p" : "-") + (ptr.s ? "s" : "-") + (ptr.o ? "o" : "-") + (ptr.last ? "L" : "-"),
+                  c.pso) << c.key;
+        if (ptr.last) {
+            EXPECT_EQ(static_cast<int>(ptr.last->type), c.last_type) << c.key;
+        }
+        if (c.section) {
+            EXPECT_STREQ(ptr.section, c.section) << c.key;
+        }
+        uci_free_context(ctx);
+    }
+}
+
+class UciChange : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_.write("cfg", "# comment that a commit drops\nconfig t s\n\toption a '1'\n\toption b 'x'\n"
+                          "\tlist l 'i1'\n\tlist l 'i2'\n\tlist l 'i1'\nconfig u\n\toption c 'q'\n");
+        ctx_ = uci_alloc_context();
+        uci_set_confdir(ctx_, dir_.path.c_str());
+    }
+    void TearDown() override { uci_free_context(ctx_); }
+    int look(const char *key, struct uci_ptr *ptr)
+    {
+        strncpy(key_, key, sizeof(key_) - 1);
+        return uci_lookup_ptr(ctx_, ptr, key_, true);
+    }
+    int commit()
+    {
+        struct uci_package *p = uci_lookup_package(ctx_, "cfg");
+        return uci_commit(ctx_, &p, false);
+    }
+    ConfDir dir_;
+    struct uci_context *ctx_ = nullptr;
+    char key_[128] = {};
+};
+
+TEST_F(UciChange, SetCommitsInPlace)
+{
+    struct uci_ptr ptr;
+    for (const char *key : {"cfg.s.a=2", "cfg.s.new=it's", "cfg.s.l=flat", "cfg.@u[0].c=", "cfg.s.none=", "cfg.n=newtype"}) {
+        ASSERT_EQ(look(key, &ptr), UCI_OK) << key;
+        ASSERT_EQ(uci_set(ctx_, &ptr), UCI_OK) << key;
+    }
+    ASSERT_EQ(look("cfg.nosec.o=v", &ptr), UCI_OK);
+    EXPECT_EQ(uci_set(ctx_, &ptr), UCI_ERR_INVAL);
+    EXPECT_EQ(dir_.read("cfg").substr(0, 9), "# comment") << "nothing written before commit";
+    ASSERT_EQ(commit(), UCI_OK);
+    EXPECT_EQ(dir_.read("cfg"), "\nconfig t 's'\n\toption a '2'\n\toption b 'x'\n\toption l 'flat'\n"
+                                "\toption new 'it'\\''s'\n\nconfig u\n\nconfig newtype 'n'\n\n");
+    struct stat st;
+    ASSERT_EQ(stat((dir_.path + "/cfg").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u) << "the file keeps its mode";
+    EXPECT_TRUE(lptest::sh("[ \"$(ls -A '" + dir_.path + "')\" = cfg ]")) << "no temporary file left";
+}
+
+TEST_F(UciChange, DeleteAndLists)
+{
+    struct uci_ptr ptr;
+    ASSERT_EQ(look("cfg.s.l=1", &ptr), UCI_OK);  // list index 1
+    ASSERT_EQ(uci_delete(ctx_, &ptr), UCI_OK);
+    ASSERT_EQ(look("cfg.s.missing", &ptr), UCI_OK);
+    EXPECT_EQ(uci_delete(ctx_, &ptr), UCI_ERR_NOTFOUND);
+    for (const char *key : {"cfg.s.b=y", "cfg.s.m=z", "cfg.s.a=1"}) {  // string -> list, new list
+        ASSERT_EQ(look(key, &ptr), UCI_OK);
+        ASSERT_EQ(uci_add_list(ctx_, &ptr), UCI_OK) << key;
+    }
+    ASSERT_EQ(look("cfg.s.l=i1", &ptr), UCI_OK);  // every i1 goes
+    ASSERT_EQ(uci_del_list(ctx_, &ptr), UCI_OK);
+    ASSERT_EQ(look("cfg.@u[-1]", &ptr), UCI_OK);  // a whole section
+    ASSERT_EQ(uci_delete(ctx_, &ptr), UCI_OK);
+    ASSERT_EQ(commit(), UCI_OK);
+    EXPECT_EQ(dir_.read("cfg"), "\nconfig t 's'\n\tlist a '1'\n\tlist a '1'\n\tlist b 'x'\n\tlist b 'y'\n"
+                                "\tlist m 'z'\n\n");
+}
+
+}  // namespace
