@@ -416,31 +416,4 @@ TEST(StartupProcessTest, SigtermLineEndsTheLog)
     EXPECT_EQ(o.result_at_parent_exit, "time 19");
 }
 
-// Without the log file the sink is the console: the option feedback comes
-// first, the SIGTERM line last.
-TEST(StartupProcessTest, LogSinkFallsBackToConsole)
-{
-    Outcome o = Start({{"--debug", "3"}, false, nullptr, SIGTERM});
-    ASSERT_EQ(o.error, "");
-    ASSERT_GT(o.daemon_pid, 1);
-    EXPECT_TRUE(ExitedWith(o.daemon_status, 0));
-    EXPECT_EQ(o.log, "");
-    std::regex re("Success set lanprobe debug level to 3!\n(.*\n)*"
-                  "\\[lanprobe\\]\\[Error\\]\\[[0-9]+\\]\\[signal_kill:[0-9]+\\]: "
-                  "\\[lanprobe\\(pid:" + std::to_string(o.daemon_pid) + "\\)\\] receive signal:15, exit\n");
-    EXPECT_TRUE(std::regex_match(o.console, re)) << o.console;
-}
-
-// At the default level nothing but Critical lines may appear anywhere.
-TEST(StartupProcessTest, DefaultLevelStaysQuiet)
-{
-    Outcome o = Start({{"-t", "100"}, true, nullptr, SIGTERM});
-    ASSERT_EQ(o.error, "");
-    ASSERT_GT(o.daemon_pid, 1);
-    EXPECT_TRUE(ExitedWith(o.daemon_status, 0));
-    EXPECT_EQ(o.console, "Success set lanprobe timeout to 100ms!\n");
-    EXPECT_EQ(o.log, "");
-    EXPECT_EQ(o.log.find("receive signal"), std::string::npos);
-}
-
 }  // namespace

@@ -254,42 +254,4 @@ TEST(LogTest, SinkIsConsoleWithoutLogFile)
     EXPECT_TRUE(std::regex_match(run.out, re)) << run.out;
 }
 
-// A line logged right before log_done must end up in the sink even when the
-// process then leaves through exit() (which flushes stdio onto whatever fd 1
-// is at that point) – the SIGTERM handler does exactly that.
-TEST(LogTest, DoneFlushesIntoSinkBeforeRestoring)
-{
-    ChildRun run = RunChild([] {
-        if (!PrivateTmpAndConsole())
-            return 10;
-        WriteFile(LANPROBE_LOG_LOG_FILE, "");
-        pid_t pid = fork();
-        if (pid == 0) {
-            log_set_level(LOG_LEVEL_DEBUG);
-            log_init();
-            LOG_MSG(LOG_LEVEL_ERROR, "last line\n");
-            log_done();
-            exit(0);
-        }
-        int st = 0;
-        waitpid(pid, &st, 0);
-        fflush(stdout);
-        printf("--file--\n%s", ReadFile(LANPROBE_LOG_LOG_FILE).c_str());
-        return WIFEXITED(st) ? WEXITSTATUS(st) : 20;
-    });
-    ASSERT_EQ(WEXITSTATUS(run.status), 0) << run.out;
-    std::regex re("^--file--\n\\[lanprobe\\]\\[Error\\]\\[[0-9]+\\]\\[operator\\(\\):[0-9]+\\]: last line\n$");
-    EXPECT_TRUE(std::regex_match(run.out, re)) << run.out;
-}
-
-TEST(LogTest, UptimeMatchesSysinfo)
-{
-    struct sysinfo a, b;
-    ASSERT_EQ(sysinfo(&a), 0);
-    long up = get_uptime();
-    ASSERT_EQ(sysinfo(&b), 0);
-    EXPECT_GE(up, a.uptime);
-    EXPECT_LE(up, b.uptime);
-}
-
 }  // namespace
