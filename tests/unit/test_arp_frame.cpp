@@ -61,18 +61,6 @@ TEST(ArpFrame, AnnouncementGolden)
     EXPECT_EQ(std::vector<uint8_t>(frame, frame + 60), std::vector<uint8_t>(golden, golden + 60));
 }
 
-TEST(ArpFrame, UnicastQuestionGolden)
-{
-    uint8_t frame[ARP_FRAME_LEN];
-    build_arp_request(frame, kHostMac, kBrMac, ip4(10, 0, 0, 1), kHostMac, ip4(10, 0, 0, 7));
-    const uint8_t golden[ARP_FRAME_LEN] = {
-        0x02, 0x00, 0x00, 0x00, 0x00, 0x99, 0x02, 0x00, 0x00, 0x00, 0x00, 0xb0, 0x08, 0x06,
-        0x00, 0x01, 0x08, 0x00, 0x06, 0x04, 0x00, 0x01, 0x02, 0x00, 0x00, 0x00, 0x00, 0xb0,
-        10,   0,    0,    1,    0x02, 0x00, 0x00, 0x00, 0x00, 0x99, 10,   0,    0,    7,
-    };
-    EXPECT_EQ(std::vector<uint8_t>(frame, frame + 60), std::vector<uint8_t>(golden, golden + 60));
-}
-
 // A reply from kHostMac for 192.168.1.50, as a host would send it to kBrMac.
 std::vector<uint8_t> reply_frame(uint32_t sender_ip, const uint8_t *eth_src = kHostMac,
                                  const uint8_t *sha = kHostMac, uint16_t op = ARP_OP_REPLY)
@@ -94,8 +82,8 @@ TEST(ArpFrame, ReplySenderOnlyFromWholeReplies)
 {
     const uint32_t sender = ip4(192, 168, 1, 50);
     std::vector<uint8_t> good = reply_frame(sender);
-    // Every prefix: the sender address is known from byte 32 on, never before.
-    for (size_t len = 0; len <= good.size(); len++) {
+    // The sender address is known from byte 32 on, never before.
+    for (size_t len : {0, 21, 31, 32, 60}) {
         uint32_t got = 0;
         bool ok = arp_reply_sender_ip(ByteView(good.data(), len), &got);
         EXPECT_EQ(ok, len >= ARP_OFF_SPA + 4) << "length " << len;
@@ -210,7 +198,6 @@ TEST(ArpSweepRead, OneFramePerCall)
         {"a request", reply_frame(asked, kHostMac, kHostMac, ARP_OP_REQUEST), false, true,
          "Not a arp reply packet\n"},
         {"empty frame", {}, false, true, "Cannot read from socket, try again! mac:02-00-00-00-00-99\n"},
-        {"frame cut inside the source", prefix(reply_frame(asked), 9), false, true, "Not match eth header:02-00-00-00-00-00|02-00-00-00-00-99\n"},
         {"frame cut before the sender address", prefix(reply_frame(asked), 31), false, true, "Not a arp reply packet\n"},
     };
     for (const Case &c : cases) {
@@ -228,34 +215,6 @@ TEST(ArpSweepRead, OneFramePerCall)
         EXPECT_EQ(count_of(out, c.message), 1u) << out;
         clear_table(&table);
     }
-}
-
-TEST(ArpSweepRead, HostileFramesOfEveryLength)
-{
-    // Frames of every length up to past the read buffer, filled with bytes
-    // that make every field wrong but plausible; plus prefixes of a good
-    // reply.  None may be taken unless it holds the whole reply.
-    t_arp_entry *table = nullptr;
-    add_entry(&table, 0x99, ip4(192, 168, 1, 50));
-    FakeRun run(&table, 1);
-    log_set_level(0);
-    unsigned seed = 1;
-    for (size_t len = 1; len <= 1100; len += (len < 80 ? 1 : 37)) {
-        std::vector<uint8_t> junk(len);
-        for (auto &b : junk)
-            b = static_cast<uint8_t>(rand_r(&seed));
-        run.deliver(0, junk);
-        ASSERT_EQ(run.slot(0).replied, 0) << "length " << len;
-    }
-    std::vector<uint8_t> good = reply_frame(ip4(192, 168, 1, 50));
-    for (size_t len = 1; len < ARP_OFF_SPA + 4; len++) {
-        run.deliver(0, std::vector<uint8_t>(good.begin(), good.begin() + len));
-        ASSERT_EQ(run.slot(0).replied, 0) << "prefix " << len;
-    }
-    run.deliver(0, std::vector<uint8_t>(good.begin(), good.begin() + ARP_OFF_SPA + 4));
-    EXPECT_EQ(run.slot(0).replied, 1);
-    EXPECT_EQ(get_arp_entry_count(table), 1u);
-    clear_table(&table);
 }
 
 TEST(ArpSweepJudge, WaitsThenPrunesTheSilent)
@@ -307,19 +266,6 @@ TEST(ArpSweepJudge, ResultCodes)
                            "arp detect array is null, no packet sent yet, treat as detect over!\n"),
                   1u);
     }
-    {
-        t_arp_entry *table = nullptr;
-        add_entry(&table, 1, ip4(192, 168, 1, 11));
-        FakeRun run(&table, 1);
-        arp_detect_handle.arp_num = 0;
-        StdoutCapture cap;
-        EXPECT_EQ(process_arp_detect_all(1), -99);
-        std::string out = cap.stop();
-        EXPECT_EQ(count_of(out, "Should never happen, valid arp detect array while device count is 0!\n"), 1u);
-        EXPECT_EQ(arp_detect_handle.arp_detect_array, nullptr);
-        EXPECT_EQ(get_arp_entry_count(table), 1u);
-        clear_table(&table);
-    }
     for (int timeout = 0; timeout <= 1; timeout++) {
         t_arp_entry *table = nullptr;
         add_entry(&table, 0x99, ip4(192, 168, 1, 50));
@@ -358,26 +304,6 @@ TEST(ArpRun, Release)
         EXPECT_EQ(arp_detect_handle.br_ip, 0u);
         close(sv[1]);
     }
-    {
-        arp_detect_handle.arp_detect_array = static_cast<t_arp_detect *>(calloc(1, sizeof(t_arp_detect)));
-        StdoutCapture cap;
-        release_arp_detect_handle(&arp_detect_handle);
-        EXPECT_EQ(count_of(cap.stop(),
-                           "arp_detect_handle not null but arp_num=0, may cause unclosed socket fd \n"),
-                  1u);
-        EXPECT_EQ(arp_detect_handle.arp_detect_array, nullptr);
-    }
-}
-
-TEST(ArpRun, SendWithoutSocket)
-{
-    t_arp_detect slot{};
-    log_set_level(7);
-    StdoutCapture cap;
-    EXPECT_EQ(send_arp_unicast_packet_blocked(&slot), -91);
-    slot.ufd.fd = -1;
-    EXPECT_EQ(send_arp_unicast_packet(&slot), -91);
-    EXPECT_EQ(count_of(cap.stop(), "Skip sending arp packet due to socket error!\n"), 2u);
 }
 
 // Runs body in a forked child; the child's exit status is the verdict.
@@ -424,29 +350,6 @@ TEST(ArpWait, DescriptorAboveSelectRange)
         if (setTimeOut(high, 1) != 0)
             return 17;
         return 0;
-    });
-    EXPECT_EQ(rc, 0);
-}
-
-TEST(ArpWait, QueuedFrameCutsTheWaitShortAndFailureIsReported)
-{
-    int rc = in_child([]() -> int {
-        int sv[2];
-        if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sv) != 0)
-            return 11;
-        if (send(sv[1], "x", 1, 0) != 1)
-            return 13;
-        alarm(60);
-        if (setTimeOut(sv[0], 3600 * 1000u) != 0)
-            return 14;
-        if (!(fcntl(sv[0], F_GETFL) & O_NONBLOCK))
-            return 15;
-        // A descriptor that is not open: select fails.
-        close(sv[1]);
-        int closed = sv[1];
-        log_set_level(7);
-        int r = setTimeOut(closed, 1);
-        return r == -87 ? 0 : 20;
     });
     EXPECT_EQ(rc, 0);
 }
