@@ -65,31 +65,6 @@ std::string port_no_path(const std::string &port)
     return std::string(kPortNoDir) + port + "/port_no";
 }
 
-std::vector<std::string> numbered(const char *prefix, int first, int last)
-{
-    std::vector<std::string> names;
-    char buf[32];
-    for (int i = first; i <= last; i++) {
-        snprintf(buf, sizeof(buf), "%s%03d", prefix, i);
-        names.push_back(buf);
-    }
-    return names;
-}
-
-TEST(BrPortTest, BrInitGivesUnixStreamSocket)
-{
-    int fd = br_init();
-    ASSERT_GT(fd, 0);
-    int domain = -1, type = -1;
-    socklen_t len = sizeof(int);
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &len), 0);
-    len = sizeof(int);
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len), 0);
-    EXPECT_EQ(domain, AF_UNIX);
-    EXPECT_EQ(type, SOCK_STREAM);
-    close(fd);
-}
-
 // Ports join in the listed order, so the kernel numbers them 1, 2, 3...; the
 // walk hands them over sorted ("eth" names first) with positions counted in
 // the sorted listing, "." and ".." included.
@@ -130,44 +105,6 @@ TEST(BrPortTest, SortOrderPositionsAndKernelPortNumbers)
                           1u);
         });
     }
-}
-
-// The table that discovery builds through update_brlan_dev_from_sys.
-TEST(BrPortTest, UpdateFillsTableInWalkOrder)
-{
-    run_in_netns([] {
-        log_set_level(7);
-        ASSERT_TRUE(lptest::add_bridge("br-lan"));
-        ASSERT_TRUE(lptest::add_ports("br-lan", {"eth1", "lan2", "eth0", "wlan0"}));
-        t_device *head = nullptr;
-        lptest::StdoutCapture cap;
-        int ret = update_brlan_dev_from_sys("br-lan", &head);
-        std::string log = cap.stop();
-        ASSERT_EQ(ret, 4);
-        // Besides the table's note on its first record, the one Info line is ours.
-        EXPECT_EQ(count_of(log, "[Info]"), count_of(log, "dev_hashmap_head input is NULL!\n") + 1);
-        EXPECT_EQ(count_of(log, "]: Parse lan devices success, count:4\n"), 1u);
-        EXPECT_EQ(count_of(log, "Parse lan devices name: "), 4u);
-        EXPECT_LT(pos_of(log, "Entering function: update_brlan_dev_from_sys!\n"),
-                  pos_of(log, "Entering function: br_foreach_port!\n"));
-
-        struct Want {
-            const char *name;
-            int port_no, order;
-        } want[] = {{"eth0", 3, 1}, {"eth1", 1, 2}, {"lan2", 2, 5}, {"wlan0", 4, 6}};
-        t_device *d = head;
-        for (const auto &w : want) {
-            ASSERT_NE(d, nullptr);
-            EXPECT_STREQ(d->name, w.name);
-            EXPECT_EQ(d->port_no, w.port_no);
-            EXPECT_EQ(d->order, w.order);
-            EXPECT_EQ(d->port, -1);
-            EXPECT_STREQ(d->label, "");
-            d = static_cast<t_device *>(d->hh.next);
-        }
-        EXPECT_EQ(d, nullptr);
-        EXPECT_EQ(release_all_device(&head), 0);
-    });
 }
 
 TEST(BrPortTest, BridgeWithoutPorts)
@@ -248,128 +185,6 @@ TEST(BrPortTest, PortNumberFileContents)
     }
 }
 
-// A port that leaves the bridge while the walk is under way is still handed
-// over (it was in the listing), with no port number.
-TEST(BrPortTest, PortVanishingDuringWalk)
-{
-    run_in_netns([] {
-        log_set_level(7);
-        ASSERT_TRUE(lptest::add_bridge("br-lan"));
-        ASSERT_TRUE(lptest::add_ports("br-lan", {"eth0", "eth1", "eth2"}));
-        Recorder rec;
-        rec.on_call = [](const char *name) {
-            if (std::string(name) == "eth0")
-                lptest::del_link("eth1");
-        };
-        lptest::StdoutCapture cap;
-        int ret = br_foreach_port("br-lan", record_port, &rec);
-        std::string log = cap.stop();
-        EXPECT_EQ(ret, 3);
-        std::vector<PortCall> want = {{"eth0", 1, 1}, {"eth1", -1, 2}, {"eth2", 3, 3}};
-        EXPECT_EQ(rec.calls, want);
-        EXPECT_EQ(count_of(log, "Failed to open /sys/class/net/br-lan/brif/eth1/port_no, not "
-                                "a br-lan deive\n"),
-                  1u);
-    });
-}
-
-// 100 ports is the most one walk hands over; the message comes only when a
-// 101st port is there, once.
-TEST(BrPortTest, HundredPortLimitBothWalks)
-{
-    for (int ports : {100, 101}) {
-        SCOPED_TRACE(ports);
-        run_in_netns([&] {
-            log_set_level(7);
-            ASSERT_TRUE(lptest::add_bridge("br-lan"));
-            ASSERT_TRUE(lptest::add_ports("br-lan", numbered("lan", 0, ports - 1)));
-
-            Recorder rec;
-            lptest::StdoutCapture cap;
-            int ret = br_foreach_port("br-lan", record_port, &rec);
-            std::string log = cap.stop();
-            EXPECT_EQ(ret, 100);
-            ASSERT_EQ(rec.calls.size(), 100u);
-            // "." and ".." sort before "lan...": the first port is at 3.
-            EXPECT_EQ(rec.calls.front(), (PortCall{"lan000", 1, 3}));
-            EXPECT_EQ(rec.calls.back(), (PortCall{"lan099", 100, 102}));
-            EXPECT_EQ(count_of(log, "Parse lan device number more than 100, Ignore others!\n"),
-                      ports > 100 ? 1u : 0u);
-            EXPECT_EQ(count_of(log, "lan100"), 0u);
-
-            Recorder old;
-            lptest::StdoutCapture cap2;
-            ret = old_foreach_port("br-lan", record_port, &old);
-            log = cap2.stop();
-            EXPECT_EQ(ret, 100);
-            ASSERT_EQ(old.calls.size(), 100u);
-            EXPECT_EQ(old.calls.front(), (PortCall{"lan000", 1, 2}));
-            EXPECT_EQ(old.calls.back(), (PortCall{"lan099", 100, 101}));
-            EXPECT_EQ(count_of(log, "Parse lan device number more than 100!\n"),
-                      ports > 100 ? 1u : 0u);
-        });
-    }
-}
-
-// Ports join in reverse name order, so the first ports in sort order carry
-// the highest bridge port numbers; stored in 8 signed bits they wrap.
-TEST(BrPortTest, PortNumbersAboveInt8Wrap)
-{
-    run_in_netns([] {
-        log_set_level(7);
-        ASSERT_TRUE(lptest::add_bridge("br-lan"));
-        std::vector<std::string> names = numbered("dm", 0, 129);
-        std::vector<std::string> reversed(names.rbegin(), names.rend());
-        ASSERT_TRUE(lptest::add_ports("br-lan", reversed));
-
-        t_device *head = nullptr;
-        lptest::StdoutCapture cap;
-        int ret = update_brlan_dev_from_sys("br-lan", &head);
-        std::string log = cap.stop();
-        ASSERT_EQ(ret, 100);
-        EXPECT_EQ(count_of(log, "Ignore others!\n"), 1u);
-        EXPECT_EQ(count_of(log, "success get dev:dm000 index:130\n"), 1u);
-        EXPECT_EQ(HASH_COUNT(head), 100u);
-
-        struct Want {
-            const char *name;
-            int port_no, order;
-        } want[] = {
-            {"dm000", -126, 3},  // port 130
-            {"dm002", -128, 5},  // port 128
-            {"dm003", 127, 6},   // port 127
-            {"dm099", 31, 102},
-        };
-        for (const auto &w : want) {
-            t_device *d = find_device(head, w.name);
-            ASSERT_NE(d, nullptr) << w.name;
-            EXPECT_EQ(d->port_no, w.port_no) << w.name;
-            EXPECT_EQ(d->order, w.order) << w.name;
-        }
-        EXPECT_EQ(find_device(head, "dm100"), nullptr);
-        release_all_device(&head);
-    });
-}
-
-// The legacy walk: slots are bridge port numbers, positions are slot + 1.
-TEST(BrPortTest, LegacyWalkDirectly)
-{
-    run_in_netns([] {
-        log_set_level(7);
-        ASSERT_TRUE(lptest::add_bridge("br-lan"));
-        ASSERT_TRUE(lptest::add_ports("br-lan", {"eth1", "lan2", "eth0", "wlan0"}));
-        Recorder rec;
-        lptest::StdoutCapture cap;
-        int ret = old_foreach_port("br-lan", record_port, &rec);
-        std::string log = cap.stop();
-        EXPECT_EQ(ret, 4);
-        std::vector<PortCall> want = {
-            {"eth1", 1, 2}, {"lan2", 2, 3}, {"eth0", 3, 4}, {"wlan0", 4, 5}};
-        EXPECT_EQ(rec.calls, want);
-        EXPECT_EQ(count_of(log, "Entering function: old_foreach_port!\n"), 1u);
-    });
-}
-
 // With the bridge's sysfs directory out of sight, the walk falls back to the
 // legacy request; port numbers cannot be read then.
 TEST(BrPortTest, FallsBackToLegacyWalkWhenBrifUnlistable)
@@ -400,37 +215,6 @@ TEST(BrPortTest, FallsBackToLegacyWalkWhenBrifUnlistable)
         EXPECT_EQ(second->port_no, -1);
         release_all_device(&head);
     });
-}
-
-// No such bridge: neither walk finds it; the failure comes back negative.
-TEST(BrPortTest, MissingBridge)
-{
-    const char *names[] = {"br-lan", "eth0"};  // absent, and present but not a bridge
-    for (const char *name : names) {
-        SCOPED_TRACE(name);
-        run_in_netns([&] {
-            log_set_level(7);
-            if (std::string(name) == "eth0") {
-                ASSERT_TRUE(lptest::sh("ip link add eth0 type veth peer name lpx0"));
-            }
-            t_device *head = nullptr;
-            lptest::StdoutCapture cap;
-            int ret = update_brlan_dev_from_sys(name, &head);
-            std::string log = cap.stop();
-            EXPECT_LT(ret, 0);
-            EXPECT_EQ(head, nullptr);
-            std::string err = strerror(-ret);
-            EXPECT_EQ(count_of(log, "list ports for bridge:'" + std::string(name) +
-                                        "' failed: " + err + "\n"),
-                      1u);
-            EXPECT_EQ(count_of(log, "[Error]"), 2u);
-            EXPECT_EQ(count_of(log, "]:  Can't get port info: " + err + "\n"), 1u);
-            EXPECT_LT(pos_of(log, "list ports for bridge"), pos_of(log, "Can't get port info"));
-            if (std::string(name) == "br-lan") {
-                EXPECT_EQ(ret, -ENODEV);
-            }
-        });
-    }
 }
 
 }  // namespace

@@ -247,20 +247,6 @@ TEST(DetectCycle, RefusedNamedPortEndsWithoutResult)
     });
 }
 
-TEST(DetectCycle, DiscoveryFailureKeepsPlaceholder)
-{
-    lptest::run_in_netns([] {
-        MakeLan();
-        lptest::remove_config("switch");
-        Outcome o = RunDetection(0, nullptr);
-        ExpectEndedBySigterm(o);
-        EXPECT_EQ(count_of(o.log, "[lanprobe][Critical]"), 1u);
-        EXPECT_EQ(count_of(o.log, "init_all_eth_device failed!\n"), 1u);
-        EXPECT_EQ(count_of(o.log, "uloop_proto_detect_start"), 0u);
-        EXPECT_EQ(o.result, kPlaceholder);
-    });
-}
-
 // The poll callback's decisions, without the network: the run record is set
 // up by hand so that the sweep's judge answers what each case needs.
 class PollCallback : public ::testing::Test {

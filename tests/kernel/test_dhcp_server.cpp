@@ -104,43 +104,4 @@ TEST(DhcpServer, DnsmasqOfferIsTaken)
     });
 }
 
-TEST(DhcpServer, SweepReportsServer)
-{
-    run_in_netns([] {
-        MakeLanWithServer();
-        lptest::Dnsmasq server = MakeServer();
-        ASSERT_TRUE(server.Start());
-
-        t_device *eth1 = create_new_device("eth1");
-        eth1->order = 1;
-        eth1->connected = 1;
-        strcpy(eth1->label, "LAN1");
-        ASSERT_EQ(add_device(&lan_devices.dev_hashmap_head, eth1), 0);
-
-        ASSERT_EQ(lanprobe_for_all_devices(&lan_devices), 0);
-        ASSERT_EQ(lanprobe_handle.device_num, 1);
-        // Polled the way the detection cycle polls: between event-loop passes.
-        int code = process_dhcp_discovery_all(0);
-        for (int i = 0; i < 200 && code == LP_SWEEP_WAITING; i++) {
-            uloop_run_timeout(50);
-            code = process_dhcp_discovery_all(0);
-        }
-        EXPECT_EQ(code, LP_SWEEP_ALL_ANSWERED) << server.Log();
-        ExpectServerOffer(eth1->offer);
-
-        write_detect_result("/tmp/lanprobe_result");
-        std::ifstream in("/tmp/lanprobe_result");
-        std::stringstream ss;
-        ss << in.rdbuf();
-        struct in_addr yi;
-        yi.s_addr = eth1->offer.pre_assigned_ip;
-        const uint8_t *m = eth1->offer.mac;
-        char mac[18];
-        snprintf(mac, sizeof(mac), "%02X:%02X:%02X:%02X:%02X:%02X", m[0], m[1], m[2], m[3], m[4], m[5]);
-        EXPECT_EQ(ss.str(), std::string(R"({"result":[{"name":"eth1","label":"LAN1","mac":")") + mac +
-                                R"(","pre_assigned_ip":")" + inet_ntoa(yi) +
-                                R"(","gateway_ip":"10.77.0.254","dns_ip":"10.77.0.53"}]})");
-    });
-}
-
 }  // namespace

@@ -446,16 +446,4 @@ TEST(DhcpSweep, ReleaseAndRestart)
     });
 }
 
-TEST(DhcpSweep, ArrayWithoutCount)
-{
-    log_set_level(LOG_LEVEL_DEBUG);
-    lanprobe_handle.lanprobe_array = static_cast<lanprobe_ctx *>(calloc(1, sizeof(lanprobe_ctx)));
-    lanprobe_handle.device_num = 0;
-    std::string log = Logged([] { EXPECT_EQ(process_dhcp_discovery_all(0), LP_ERR_INVALID); });
-    EXPECT_EQ(count_of(log, "Should never happen, valid dhcp detect array while device count is 0!\n"), 1u);
-    EXPECT_EQ(count_of(log, "lanprobe_handle not null but device_num=0, may cause unclosed socket fd \n"), 1u);
-    EXPECT_EQ(lanprobe_handle.lanprobe_array, nullptr);
-    log_set_level(LOG_LEVEL_ERROR);
-}
-
 }  // namespace
