@@ -210,8 +210,11 @@ def analyse(n, lab, work, bin_path, debug, show_events):
         'arp_end_to_first_discover_ms': ((first('DISCOVER out') or 0) - (last('ARP 310') or 0)) * 1e3,
         'discover_spread_ms': ((last('DISCOVER out') or 0) - (first('DISCOVER out') or 0)) * 1e3,
         'server_max_ms': max([(offers_wire[p] - disc_wire[p]) * 1e3 for p in offers_wire if p in disc_wire] or [0]),
-        'last_offer_wire_to_read_ms': ((max(reads) if reads else 0) - max(offers_wire.values() or [0])) * 1e3,
-        'poll_to_result_ms': ((first('result written') or 0) - (last('poll timer due') or 0)) * 1e3,
+        'offers_read': len(reads),
+        'last_offer_wire_to_read_ms': ((max(reads) - max(offers_wire.values())) * 1e3
+                                       if reads and offers_wire else None),
+        'poll_to_result_ms': ((first('result written') - last('poll timer due')) * 1e3
+                              if first('result written') and last('poll timer due') else None),
         'result_to_exit_ms': (end - (first('result written') or end)) * 1e3,
         'longest_busy_ms': longest,
         'wall_ms': (end - t0) * 1e3,
