@@ -1,0 +1,281 @@
+#!/usr/bin/python3
+"""PID 1 of a lab router's private PID and mount namespace, for fault runs.
+
+Works like the lab's own runner (fixture files on /etc/config, a fresh tmpfs
+on /tmp, a FIFO on /dev/console drained here, every process reaped), and adds
+what fault runs need:
+  --tmp-full blocks|inodes   /tmp is a one-page tmpfs with no room for data
+                             (blocks) or for a new file (inodes)
+  --term-after S             SIGTERM to the forked child S seconds after it
+                             appeared; what it was doing then is recorded
+  --strace SPEC              run the daemon under strace with these options
+                             (to deliver a signal on entering a given call)
+  --strace-child SPEC        attach strace with these options to the forked
+                             child as soon as it is seen
+Writes OUT/status.json (exit statuses, CPU time of the child, placeholder,
+/tmp listing, signal record), OUT/result, OUT/lanprobe.log, OUT/console.txt,
+OUT/stdout.txt.
+"""
+import argparse
+import json
+import os
+import random
+import select
+import signal
+import subprocess
+import sys
+import time
+
+
+def sh(*argv):
+    subprocess.run(argv, check=True)
+
+
+def read_bytes(path):
+    try:
+        with open(path, 'rb') as f:
+            return f.read()
+    except OSError:
+        return None
+
+
+def read_text(path):
+    data = read_bytes(path)
+    return None if data is None else data.decode('utf-8', 'replace')
+
+
+def decode_status(status):
+    if os.WIFEXITED(status):
+        return {'exit': os.WEXITSTATUS(status), 'signal': None}
+    return {'exit': None, 'signal': os.WTERMSIG(status)}
+
+
+def ppid_of(pid):
+    stat = read_text('/proc/%d/stat' % pid)
+    if not stat:
+        return None
+    return int(stat.rsplit(')', 1)[1].split()[1])
+
+
+def comm_of(pid):
+    return (read_text('/proc/%d/comm' % pid) or '').strip()
+
+
+def other_pids():
+    return [int(p) for p in os.listdir('/proc') if p.isdigit() and int(p) != 1]
+
+
+def fill_tmp(how):
+    """Leave /tmp (a one-page tmpfs) with no room for data or for a new inode."""
+    if how == 'blocks':
+        fd = os.open('/tmp/.filler', os.O_WRONLY | os.O_CREAT, 0o600)
+        try:
+            while os.write(fd, b'x' * 512) > 0:
+                pass
+        except OSError:
+            pass
+        os.close(fd)
+    else:
+        n = 0
+        try:
+            while True:
+                os.mkdir('/tmp/.d%d' % n)
+                n += 1
+        except OSError:
+            pass
+
+
+def prepare_mounts(config_dir, console_log, tmp_full):
+    scratch = '/mnt'
+    sh('mount', '-t', 'tmpfs', '-o', 'mode=0700', 'faultscratch', scratch)
+    for d in ('upper', 'work'):
+        os.mkdir(os.path.join(scratch, d))
+    os.mkfifo(os.path.join(scratch, 'console'), 0o600)
+    sh('mount', '-t', 'overlay', 'faultetc', '-o',
+       'lowerdir=/etc,upperdir=%s/upper,workdir=%s/work' % (scratch, scratch), '/etc')
+    os.makedirs('/etc/config', exist_ok=True)
+    sh('mount', '--bind', config_dir, '/etc/config')
+    sh('mount', '--bind', os.path.join(scratch, 'console'), '/dev/console')
+    sh('umount', '-l', scratch)
+    console = os.open('/dev/console', os.O_RDWR | os.O_NONBLOCK)
+    if tmp_full == 'blocks':
+        # One page, filled below: files can be made but cannot grow.
+        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777,size=4k', 'faulttmp', '/tmp')
+    elif tmp_full == 'inodes':
+        # Few inodes, used up below: no file can be made at all.
+        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777,nr_inodes=16', 'faulttmp', '/tmp')
+    else:
+        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777', 'faulttmp', '/tmp')
+    if not console_log:
+        open('/tmp/lanprobe.log', 'w').close()
+    if tmp_full:
+        fill_tmp(tmp_full)
+    return console
+
+
+# x86_64 and aarch64 numbers of the calls a daemon blocks in; anything else is
+# reported by number.
+SYSCALLS = {
+    'x86_64': {232: 'epoll_wait', 281: 'epoll_pwait', 23: 'select', 270: 'pselect6',
+               35: 'nanosleep', 230: 'clock_nanosleep', 45: 'recvfrom', 44: 'sendto',
+               61: 'wait4', 7: 'poll', 0: 'read', 1: 'write'},
+    'aarch64': {22: 'epoll_pwait', 72: 'pselect6', 101: 'nanosleep', 115: 'clock_nanosleep',
+                207: 'recvfrom', 206: 'sendto', 260: 'wait4', 63: 'read', 64: 'write'},
+}
+
+
+def where_is(pid):
+    """What a process is doing: the call it sleeps in, or 'running'."""
+    sc = read_text('/proc/%d/syscall' % pid)
+    if sc is None:
+        return 'gone'
+    sc = sc.split()
+    if not sc or sc[0] == 'running':
+        return 'running'
+    if sc[0] == '-1':
+        return 'user'
+    table = SYSCALLS.get(os.uname().machine, {})
+    return table.get(int(sc[0]), 'syscall %s' % sc[0])
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument('--config', required=True)
+    ap.add_argument('--out', required=True)
+    ap.add_argument('--console-log', action='store_true')
+    ap.add_argument('--tmp-full', choices=['blocks', 'inodes'])
+    ap.add_argument('--term-after', type=float)
+    ap.add_argument('--strace', help='strace options, blank-separated')
+    ap.add_argument('--strace-child', help='the same, attached to the forked child once it is seen')
+    ap.add_argument('--limit', type=float, default=60.0)
+    ap.add_argument('cmd', nargs=argparse.REMAINDER)
+    a = ap.parse_args()
+    cmd = a.cmd[1:] if a.cmd and a.cmd[0] == '--' else a.cmd
+    if os.getpid() != 1:
+        sys.exit('fault_init: must be PID 1 of a new PID namespace')
+    for s in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(s, lambda *_: os._exit(130))
+
+    outfd = os.open(a.out, os.O_RDONLY | os.O_DIRECTORY)
+
+    def out_open(name, mode='wb'):
+        return open(name, mode, opener=lambda p, f: os.open(p, f, 0o644, dir_fd=outfd))
+
+    console = prepare_mounts(a.config, a.console_log, a.tmp_full)
+    console_out = out_open('console.txt')
+    stdout = out_open('stdout.txt')
+
+    def drain():
+        while True:
+            try:
+                data = os.read(console, 65536)
+            except BlockingIOError:
+                return
+            if not data:
+                return
+            console_out.write(data)
+
+    if a.strace:
+        cmd = ['strace', '-f', '-qq', '-o', '/proc/self/fd/2'] + a.strace.split() + ['--'] + cmd
+    status = {'cmd': cmd, 'parent_pid': None, 'parent': None, 'child_pid': None,
+              'child': None, 'placeholder': None, 'others': [], 'timed_out': False,
+              'term': None}
+    t0 = time.monotonic()
+    top = os.fork()
+    if top == 0:
+        os.dup2(os.open('/dev/null', os.O_RDONLY), 0)
+        os.dup2(stdout.fileno(), 1)
+        os.dup2(stdout.fileno(), 2)
+        for s in (signal.SIGINT, signal.SIGTERM, signal.SIGPIPE):
+            signal.signal(s, signal.SIG_DFL)
+        try:
+            os.execvp(cmd[0], cmd)
+        finally:
+            os._exit(127)
+
+    # Under strace the daemon is strace's child, and its forked child is
+    # handed to us when the daemon's parent exits (which may be before we look).
+    daemon_parent = None if a.strace else top
+    child_seen_at = None
+    while True:
+        drain()
+        if status['child_pid'] is None:
+            for p in other_pids():
+                if p == top or comm_of(p) != 'lanprobe':
+                    continue
+                pp = ppid_of(p)
+                if pp == top:
+                    if daemon_parent is None:
+                        daemon_parent = status['parent_pid'] = p
+                elif pp == 1 or (daemon_parent is not None and pp == daemon_parent):
+                    status['child_pid'] = p
+                    child_seen_at = time.monotonic()
+                    if a.strace_child:
+                        attach = subprocess.Popen(
+                            ['strace', '-qq', '-o', os.path.join(a.out, 'strace-child.txt'), '-p', str(p)]
+                            + a.strace_child.split(), stdin=subprocess.DEVNULL)
+                        status['strace_child_pid'] = attach.pid
+        if (a.term_after is not None and status['term'] is None and child_seen_at is not None
+                and time.monotonic() - child_seen_at >= a.term_after):
+            pid = status['child_pid']
+            if status['child'] is None:
+                where = where_is(pid)
+                os.kill(pid, signal.SIGTERM)
+                status['term'] = {'at_ms': round((time.monotonic() - t0) * 1000), 'where': where,
+                                  'result_then': read_text('/tmp/lanprobe_result')}
+            else:
+                status['term'] = {'where': 'after end'}
+        try:
+            while True:
+                rpid, st, ru = os.wait4(-1, os.WNOHANG)
+                if rpid == 0:
+                    break
+                now = round((time.monotonic() - t0) * 1000)
+                if rpid == top and a.strace:
+                    status['strace'] = decode_status(st)
+                elif rpid == daemon_parent or (daemon_parent is None and rpid == top):
+                    status['parent_pid'] = rpid
+                    status['parent'] = dict(decode_status(st), ms=now)
+                    if status['child_pid'] is None:
+                        kids = [p for p in other_pids() if ppid_of(p) == 1 and comm_of(p) == 'lanprobe']
+                        if kids:
+                            status['child_pid'] = min(kids)
+                            child_seen_at = time.monotonic()
+                    status['placeholder'] = read_text('/tmp/lanprobe_result')
+                elif rpid == status.get('strace_child_pid'):
+                    status['strace_child'] = decode_status(st)
+                elif rpid == status['child_pid']:
+                    status['child'] = dict(decode_status(st), ms=now,
+                                           cpu_s=round(ru.ru_utime + ru.ru_stime, 3))
+                else:
+                    status['others'].append(dict(decode_status(st), pid=rpid, ms=now))
+        except ChildProcessError:
+            break
+        if time.monotonic() - t0 > a.limit and not status['timed_out']:
+            status['timed_out'] = True
+            for p in other_pids():
+                try:
+                    os.kill(p, signal.SIGKILL)
+                except ProcessLookupError:
+                    pass
+        select.select([console], [], [], 0.005 if a.term_after is not None else 0.05)
+    drain()
+
+    status['elapsed_ms'] = round((time.monotonic() - t0) * 1000)
+    status['tmp_files'] = sorted(f for f in os.listdir('/tmp') if not f.startswith('.'))
+    log = read_bytes('/tmp/lanprobe.log')
+    status['log_bytes'] = None if log is None else len(log)
+    for src, dst in (('/tmp/lanprobe_result', 'result'), ('/tmp/lanprobe.log', 'lanprobe.log')):
+        data = read_bytes(src)
+        if data is not None:
+            with out_open(dst) as f:
+                f.write(data)
+    with out_open('status.json', 'w') as f:
+        json.dump(status, f, indent=1)
+    console_out.close()
+    stdout.close()
+
+
+if __name__ == '__main__':
+    random.seed()
+    main()
