@@ -74,8 +74,20 @@ void recv_dhcp_discovery_packet(struct uloop_fd *ufd, unsigned int events)
     lanprobe_ctx *ctx = container_of(ufd, lanprobe_ctx, ufd);
 
     LOG_MSG(LOG_LEVEL_DEBUG, "recv dhcp discovery packet from dev:%s\n", ctx_name(ctx));
-    if (!(events & ULOOP_READ))
+    if (!(events & ULOOP_READ)) {
+        // The socket is registered with ULOOP_ERROR_CB, so an error on it (the
+        // port went down or was deleted: ENETDOWN) is reported here at every
+        // loop pass for as long as it is pending. Left alone, it spins the
+        // loop and writes this Debug line hundreds of thousands of times until
+        // the pass times out. Fetching the error clears it; the socket stays
+        // registered and an OFFER that still arrives is read as usual.
+        if (ufd->error) {
+            int err = 0;
+            socklen_t len = sizeof(err);
+            getsockopt(ufd->fd, SOL_SOCKET, SO_ERROR, &err, &len);
+        }
         return;
+    }
 
     uint8_t buf[DHCP_FRAME_BUF_LEN];
     memset(buf, 0, sizeof(buf));
