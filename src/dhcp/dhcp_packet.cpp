@@ -16,6 +16,9 @@
 
 t_lanprobe_handle lanprobe_handle;
 
+// Receive buffer of a probe socket: room for about 400 full-size frames.
+static constexpr int DHCP_SOCKET_RCVBUF = 1 << 20;
+
 static const uint8_t k_broadcast_mac[MAC_LEN] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 
 uint32_t dhcp_xid_from_rand(uint32_t r1, uint32_t r2)
@@ -56,6 +59,15 @@ int init_dhcp_sockfd(lanprobe_ctx *ctx)
         LOG_MSG(LOG_LEVEL_ERROR, "Create DHCP request socket failed!\n");
         return LP_ERR_SOCKET;
     }
+    // The socket sees every frame of its port and the handler reads one frame
+    // per loop turn. Under heavy traffic the default buffer (about 90 full-size
+    // frames) fills in a millisecond, before the loop gets back to it, and the
+    // OFFER that follows is dropped by the kernel. A larger buffer costs
+    // nothing while the port is quiet: it is a limit, not an allocation. Root
+    // may exceed rmem_max; failing that, ask for what the limit allows.
+    int rcvbuf = DHCP_SOCKET_RCVBUF;
+    if (setsockopt(ctx->ufd.fd, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof(rcvbuf)) != 0)
+        setsockopt(ctx->ufd.fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
     return LP_OK;
 }
 
