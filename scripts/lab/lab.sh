@@ -21,7 +21,7 @@
 #   eth0=dnsmasq eth1=udhcpd eth2=dhcpd eth3=kea eth4=silent eth5=empty, plus wlan0.
 #
 # Addressing, per port N: host 192.168.1.(10+N) with MAC 02:1a:00:00:01:0N, its
-# pool 192.168.1.(100+20N)..(119+20N) (from port 8 on the one address
+# pool 192.168.1.(100+20N)..(119+20N) (from port 7 on the one address
 # 192.168.1.(140+N)), router option 192.168.1.(10+N), DNS
 # option 10.53.0.(10+N).  br-lan is 192.168.1.1 with MAC 02:1a:00:00:00:01;
 # the router's end of port N has MAC 02:1a:00:00:00:1N.
@@ -41,10 +41,10 @@ port_index() { echo "${1#eth}"; }
 host_ip()    { echo "192.168.1.$((10 + $1))"; }
 host_mac()   { printf '02:1a:00:00:01:%02x' "$1"; }
 port_mac()   { printf '02:1a:00:00:00:%02x' "$((16 + $1))"; }
-# Ports 0..7 get pools of 20 addresses; from port 8 on (large labs, up to
+# Ports 0..6 get pools of 20 addresses; from port 7 on (large labs, up to
 # port 114) each server offers a single address, 192.168.1.(140+N).
-pool_lo()    { if [ "$1" -lt 8 ]; then echo "192.168.1.$((100 + 20 * $1))"; else echo "192.168.1.$((140 + $1))"; fi; }
-pool_hi()    { if [ "$1" -lt 8 ]; then echo "192.168.1.$((119 + 20 * $1))"; else echo "192.168.1.$((140 + $1))"; fi; }
+pool_lo()    { if [ "$1" -lt 7 ]; then echo "192.168.1.$((100 + 20 * $1))"; else echo "192.168.1.$((140 + $1))"; fi; }
+pool_hi()    { if [ "$1" -lt 7 ]; then echo "192.168.1.$((119 + 20 * $1))"; else echo "192.168.1.$((140 + $1))"; fi; }
 dns_ip()     { echo "10.53.0.$((10 + $1))"; }
 
 load_state() {
