@@ -16,26 +16,20 @@ extern "C" {
 
 #include "arp/arp_packet.h"
 #include "arp/arp_sweep.h"
-#include "kernel/arp_host.h"
 #include "registry/device_table.h"
 #include "support/if_query.h"
 #include "support/log.h"
+#include "support/lan.h"
 #include "support/netns.h"
 
 namespace {
 
-using arptest::Host;
-using arptest::ip;
-using arptest::Reply;
+using lptest::Host;
+using lptest::ipv4;
+using lptest::Reply;
 using lptest::count_of;
 using lptest::run_in_netns;
 using lptest::StdoutCapture;
-
-void parse_mac(const std::string &text, uint8_t *mac)
-{
-    sscanf(text.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3],
-           &mac[4], &mac[5]);
-}
 
 t_arp_entry *add_entry(t_arp_entry **table, const uint8_t *mac, uint32_t addr)
 {
@@ -80,23 +74,23 @@ struct Lan {
 
     Lan()
     {
-        arptest::make_lan(4);
+        EXPECT_TRUE(lptest::make_lan(4));
         for (int i = 0; i < 4; i++)
-            parse_mac(arptest::mac_of("h" + std::to_string(i + 1)), mac[i]);
+            lptest::parse_mac(lptest::mac_of("p" + std::to_string(i + 1)), mac[i]);
         const uint8_t nobody[6] = {0x02, 0xde, 0xad, 0x00, 0x00, 0x01};
         memcpy(mac[4], nobody, 6);
-        hosts.push_back(Host::linux_host("h1", "192.168.1.10/24", false));
-        hosts.push_back(Host::responder("h2", {{Reply{ip("192.168.1.77")}}}));
-        hosts.push_back(Host::responder("h3", {{Reply{ip("10.9.9.9")}}}));
-        Reply spoofed{ip("192.168.1.40")};
+        hosts.push_back(Host::linux_host(1, "192.168.1.10/24", false));
+        hosts.push_back(Host::responder(2, {{Reply{ipv4("192.168.1.77")}}}));
+        hosts.push_back(Host::responder(3, {{Reply{ipv4("10.9.9.9")}}}));
+        Reply spoofed{ipv4("192.168.1.40")};
         spoofed.junk = 12;
         spoofed.foreign_source = true;
-        hosts.push_back(Host::responder("h4", {{spoofed}}));
-        arptest::wait_forwarding(4);
+        hosts.push_back(Host::responder(4, {{spoofed}}));
+        EXPECT_TRUE(lptest::wait_forwarding(4));
         const char *addrs[5] = {"192.168.1.10", "192.168.1.20", "192.168.1.30", "192.168.1.40",
                                 "192.168.1.50"};
         for (int i = 0; i < 5; i++)
-            add_entry(&table, mac[i], ip(addrs[i]));
+            add_entry(&table, mac[i], ipv4(addrs[i]));
     }
     ~Lan() { clear_table(&table); }
     bool has(int i) { return find_arp_entry(table, mac[i]) != nullptr; }

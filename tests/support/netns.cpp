@@ -126,6 +126,42 @@ void run_in_netns(const std::function<void()> &body)
     EXPECT_EQ(WEXITSTATUS(status), 0) << "assertions failed inside the namespace (see above)";
 }
 
+namespace {
+std::string read_back(FILE *f)
+{
+    std::string s;
+    char buf[4096];
+    rewind(f);
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;)
+        s.append(buf, n);
+    fclose(f);
+    return s;
+}
+}  // namespace
+
+ChildRun run_child(const std::function<int()> &fn)
+{
+    ChildRun run;
+    FILE *out = tmpfile(), *err = tmpfile();
+    fflush(nullptr);
+    pid_t pid = out && err ? fork() : -1;
+    if (pid == 0) {
+        dup2(fileno(out), 1);
+        dup2(fileno(err), 2);
+        int rc = fn();
+        fflush(nullptr);
+        _exit(rc);
+    }
+    int status = 0;
+    if (pid > 0 && waitpid(pid, &status, 0) == pid)
+        run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (out)
+        run.out = read_back(out);
+    if (err)
+        run.err = read_back(err);
+    return run;
+}
+
 const char *config_dir()
 {
     return "/etc/config";

@@ -31,6 +31,17 @@ bool enter_namespaces();
 // Where fixture configuration files go inside run_in_netns ("/etc/config").
 const char *config_dir();
 
+// What a forked child left: its exit status (128 + signal number when a
+// signal ended it) and what it wrote to standard output and standard error.
+struct ChildRun {
+    int status = -1;
+    std::string out, err;
+};
+// Runs fn in a forked child whose standard output and error go to files of
+// their own (they survive any namespace the child enters); fn's result is the
+// exit status.
+ChildRun run_child(const std::function<int()> &fn);
+
 // Runs a shell command; true when it exited with status 0.
 bool sh(const std::string &cmd);
 // Creates or replaces a file with the given content.
