@@ -29,8 +29,18 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Test programs run under qemu-user with the cross C library as their root.
+# Test programs run under qemu-user.  With multiarch packages the target's C
+# library is installed in the host root as well (libc6:<arch>, pulled in by
+# the -dev packages), and that copy must be the one loaded: the loader and the
+# C library have to come from the same build, and the loader looks in
+# /lib/<triplet> before the cross sysroot's lib directory.  A mixed pair hangs
+# in fork().
+if(LANPROBE_CROSS_MULTIARCH)
+  set(LANPROBE_QEMU_ROOT /)
+else()
+  set(LANPROBE_QEMU_ROOT ${LANPROBE_CROSS_SYSROOT})
+endif()
 find_program(LANPROBE_QEMU_PROGRAM ${LANPROBE_QEMU})
 if(LANPROBE_QEMU_PROGRAM)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${LANPROBE_QEMU_PROGRAM} -L ${LANPROBE_CROSS_SYSROOT})
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${LANPROBE_QEMU_PROGRAM} -L ${LANPROBE_QEMU_ROOT})
 endif()

@@ -35,7 +35,9 @@ deps_aarch64() {
         dpkg --add-architecture arm64
         apt_updated=0
     fi
-    apt_install g++-aarch64-linux-gnu libjson-c-dev:arm64 libgtest-dev:arm64
+    # libstdc++6:arm64: the test programs load it from the multiarch root under
+    # qemu, next to the arm64 C library the -dev packages bring.
+    apt_install g++-aarch64-linux-gnu libjson-c-dev:arm64 libgtest-dev:arm64 libstdc++6:arm64
 }
 
 # deb-src entries for the mirror and suites the machine already installs from,
@@ -125,13 +127,16 @@ build_arch() {
 # The binary checks (no libstdc++ needed at run time, no exception runtime)
 # with the target's binutils.
 check_binary_arch() {
-    arch=$1
-    triplet=$(triplet_of "$arch")
+    check_binary_at "$1" "$top/build-cross-$1/lanprobe"
+}
+
+check_binary_at() {
+    triplet=$(triplet_of "$1")
     tools=$(mktemp -d)
     ln -s "$(command -v "$triplet-readelf")" "$tools/readelf"
     ln -s "$(command -v "$triplet-nm")" "$tools/nm"
     rc=0
-    PATH="$tools:$PATH" sh "$top/tests/unit/check_binary.sh" "$top/build-cross-$arch/lanprobe" || rc=$?
+    PATH="$tools:$PATH" sh "$top/tests/unit/check_binary.sh" "$2" || rc=$?
     rm -rf "$tools"
     return $rc
 }
@@ -146,4 +151,18 @@ test_arch() {
     check_binary_arch "$arch"
     (cd "$top/build-cross-$arch" &&
         ctest -LE 'root|lab' -E '^footprint_binary$' -j "$jobs" --output-on-failure)
+}
+
+# Stripped size (what the package installs) and the shared libraries the
+# daemon needs on the target.
+sizes_arch() {
+    arch=$1
+    triplet=$(triplet_of "$arch")
+    bin="$top/build-cross-$arch/lanprobe"
+    [ -f "$bin" ] || { note "$arch: no daemon built yet"; return 0; }
+    stripped=$(mktemp)
+    "$triplet-strip" -o "$stripped" "$bin"
+    echo "$arch: $(stat -c %s "$stripped") bytes stripped, NEEDED:" \
+        $("$triplet-readelf" -d "$stripped" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p')
+    rm -f "$stripped"
 }
