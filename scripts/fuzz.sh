@@ -12,7 +12,9 @@
 #   FUZZ_BUILD_DIR    build directory (default build-fuzz)
 #   FUZZ_OUT          where corpora, logs and crash inputs go (default: a new
 #                     directory under /var/tmp); the seed corpora in
-#                     tests/fuzz/corpus are read, never written
+#                     tests/fuzz/corpus are read, never written...
+#   FUZZ_MERGE=1      ...unless this is set: then the inputs of the run that
+#                     reach new coverage are merged into them afterwards
 # Exit status 1 when any target crashed or failed one of its checks; the
 # input that did it is in FUZZ_OUT/artifacts/<target>/.
 set -eu
@@ -75,5 +77,15 @@ for t in $TARGETS; do
     fi
     printf '%-12s %12s %9s %8s %9s %10s %8s\n' "$t" "${execs:-?}" "${speed:-?}" "${cov:-?}" "${ft:-?}" "${corp:-?}" "$crashes"
 done
+if [ "${FUZZ_MERGE:-0}" = 1 ]; then
+    for t in $TARGETS; do
+        # The control file lies outside /tmp: every merge child enters a
+        # sandbox with a /tmp of its own.
+        rm -f "$OUT/merge-$t"
+        "$BUILD/tests/fuzz_$t" -merge=1 -merge_control_file="$OUT/merge-$t" -close_fd_mask=3 \
+            "$TOP/tests/fuzz/corpus/$t" "$OUT/corpus/$t" > "$OUT/merge-$t.log" 2>&1 || fail=1
+        echo "merged into tests/fuzz/corpus/$t: $(sed -n 's/^MERGE-OUTER: \([0-9]* new files.*\)/\1/p' "$OUT/merge-$t.log")"
+    done
+fi
 echo "== Logs, corpora and crash inputs: $OUT"
 exit $fail
