@@ -81,8 +81,8 @@ Keyword keyword_of(std::string_view w)
 
 class Parser {
 public:
-    Parser(struct uci_context *ctx, std::string_view data, struct uci_package *pkg)
-        : ctx_(ctx), data_(data), pkg_(pkg)
+    Parser(std::string_view data, struct uci_package *pkg)
+        : data_(data), pkg_(pkg)
     {
     }
 
@@ -101,7 +101,6 @@ public:
     int byte() const { return err_byte_; }
 
 private:
-    struct uci_context *ctx_;
     std::string_view data_;
     struct uci_package *pkg_;
     struct uci_section *cur_ = nullptr;
@@ -442,7 +441,7 @@ int parse_file(struct uci_context *ctx, std::string_view data, std::string_view 
     struct uci_package *pkg = package_new(ctx, name);
     if (!pkg)
         return UCI_ERR_MEM;
-    Parser parser(ctx, data, pkg);
+    Parser parser(data, pkg);
     int rc = parser.run();
     if (rc != UCI_OK) {
         free_package(pkg);

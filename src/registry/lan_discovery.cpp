@@ -219,8 +219,8 @@ int get_eth_atrribute(t_device *dev_hashmap_head)
         dev->port = static_cast<int8_t>(sp.port);
         // Zero-padded like strncpy, but a label of 32 characters or more is cut
         // to 31 so the field stays terminated for the result writer's "%s".
-        strncpy(dev->label, sp.label, sizeof(dev->label) - 1);
-        dev->label[sizeof(dev->label) - 1] = '\0';
+        memset(dev->label, 0, sizeof(dev->label));
+        memcpy(dev->label, sp.label, strnlen(sp.label, sizeof(dev->label) - 1));
         count++;
     }
 

@@ -294,9 +294,14 @@ TEST(DhcpSweep, PortWhoseSocketFails)
             int first = dup(0), second = dup(0);
             close(first);
             close(second);
-            struct rlimit lim = {static_cast<rlim_t>(second + 1), static_cast<rlim_t>(second + 1)};
+            // Only the soft limit: the hard one could not be raised again.
+            struct rlimit saved;
+            ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+            struct rlimit lim = {static_cast<rlim_t>(second + 1), saved.rlim_max};
             ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lim), 0);
             EXPECT_EQ(lanprobe_for_all_devices(&lan_devices), 0);
+            // The capture needs descriptors again to hand the log back.
+            ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
         });
         EXPECT_EQ(count_of(log, "Create DHCP request socket failed!\n"), 1u);
         EXPECT_EQ(count_of(log, "Failed to init DHCP socket in dev:eth3\n"), 1u);
