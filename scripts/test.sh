@@ -1,8 +1,44 @@
 #!/bin/sh
-# Does all set-up on a fresh Debian 12 machine and runs every test (as root).
-set -eu
+# Does all set-up on a fresh Debian 12 machine and runs every test (as root):
+#   1. the release build's CTest suite: unit, kernel (private namespaces),
+#      process, lab end-to-end, fault and signal scenarios, fuzz corpus replays,
+#      the binary footprint check;
+#   2. the same suite from an ASan + UBSan build (lab scenarios run the
+#      sanitized daemon);
+#   3. a short run of every fuzz target;
+#   4. one lab detection under valgrind memcheck (errors, leaks, descriptors);
+#   5. the AArch64 cross build with its unit tests under qemu-user
+#      (big-endian MIPS: `sh scripts/cross.sh mips`, see docs/PORTABILITY.md).
+# Every step runs; the script fails if any step failed.
+set -u
 top=$(cd "$(dirname "$0")/.." && pwd)
-"$top/scripts/deps.sh"
-BUILD_DIR="$top/build" "$top/scripts/build.sh"
-cd "$top/build"
-ctest --output-on-failure -j1
+"$top/scripts/deps.sh" || exit 1
+
+passed=0
+failed=0
+failed_steps=""
+step() {
+    name=$1
+    shift
+    echo "==== $name"
+    if "$@"; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+        failed_steps="$failed_steps $name"
+    fi
+}
+
+release_suite() {
+    BUILD_DIR="$top/build" "$top/scripts/build.sh" && (cd "$top/build" && ctest --output-on-failure -j1)
+}
+
+step release-suite release_suite
+step sanitized-suite bash "$top/scripts/test-sanitized.sh"
+step fuzz-short bash "$top/scripts/fuzz.sh" 8
+step valgrind-lab bash "$top/scripts/valgrind-lab.sh"
+step cross-aarch64 sh "$top/scripts/cross.sh" aarch64
+
+[ -z "$failed_steps" ] || echo "failed steps:$failed_steps"
+echo "test steps: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
