@@ -231,8 +231,8 @@ def analyse(n, lab, work, bin_path, debug, show_events):
     # frame of attempt 2 follows the last of attempt 1 after 310 + 300 ms.
     extra = []
     for i in range(1, len(arp)):
-        spec = 0.610 if i == probed else 0.300
-        extra.append((arp[i] - arp[i - 1] - spec) * 1e3)
+        wait_s = 0.610 if i == probed else 0.300
+        extra.append((arp[i] - arp[i - 1] - wait_s) * 1e3)
     after_arp = (disc[0] - arp[-1] - 0.310) * 1e3 if disc and arp else None
     disc_gaps = [(disc[i] - disc[i - 1]) * 1e3 for i in range(1, len(disc))]
     print('  untraced: %d found; ARP frames %d, beyond the specified waits: max %.3f ms per gap; '

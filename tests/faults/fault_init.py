@@ -8,9 +8,9 @@ what fault runs need:
                              (blocks) or for a new file (inodes)
   --term-after S             SIGTERM to the forked child S seconds after it
                              appeared; what it was doing then is recorded
-  --strace SPEC              run the daemon under strace with these options
+  --strace OPTS              run the daemon under strace with these options
                              (to deliver a signal on entering a given call)
-  --strace-child SPEC        attach strace with these options to the forked
+  --strace-child OPTS        attach strace with these options to the forked
                              child as soon as it is seen
 Writes OUT/status.json (exit statuses, CPU time of the child, placeholder,
 /tmp listing, signal record), OUT/result, OUT/lanprobe.log, OUT/console.txt,

@@ -564,13 +564,13 @@ def fault_term_targeted(opts, runs, figures):
     try:
         for k in range(runs):
             i = k % len(TARGETED)
-            name, how, spec, call = TARGETED[i]
+            name, how, strace_opts, call = TARGETED[i]
             if how == '--strace':
-                r = lab.run('-d', '7', strace=spec)
+                r = lab.run('-d', '7', strace=strace_opts)
                 trace = r._read('stdout.txt') or ''
                 tracer = r.status.get('strace')
             else:
-                r = lab.run('-d', '7', strace_child=spec)
+                r = lab.run('-d', '7', strace_child=strace_opts)
                 trace = r._read('strace-child.txt') or ''
                 tracer = r.status.get('strace_child')
             try:
