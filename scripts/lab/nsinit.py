@@ -13,6 +13,16 @@ Collects into OUT:
   lanprobe.log  /tmp/lanprobe.log at the end (when present)
   console.txt   everything written to /dev/console
   stdout.txt    the daemon's inherited standard output and error
+For fault runs:
+  --tmp-full blocks|inodes   /tmp is a small tmpfs with no room for data
+                             (blocks) or for a new file (inodes)
+  --term-after S             SIGTERM to the forked child S seconds after it
+                             appeared; what it was doing then is recorded
+  --strace OPTS              run the daemon under strace with these options
+                             (to deliver a signal on entering a given call)
+  --strace-child OPTS        attach strace with these options to the forked
+                             child as soon as it is seen
+status.json also holds the child's CPU time and the size of the log file.
 """
 import argparse
 import json
@@ -28,12 +38,17 @@ def sh(*argv):
     subprocess.run(argv, check=True)
 
 
-def read_text(path):
+def read_bytes(path):
     try:
         with open(path, 'rb') as f:
-            return f.read().decode('utf-8', 'replace')
+            return f.read()
     except OSError:
         return None
+
+
+def read_text(path):
+    data = read_bytes(path)
+    return None if data is None else data.decode('utf-8', 'replace')
 
 
 def decode_status(status):
@@ -49,11 +64,61 @@ def ppid_of(pid):
     return int(stat.rsplit(')', 1)[1].split()[1])
 
 
+def comm_of(pid):
+    return (read_text('/proc/%d/comm' % pid) or '').strip()
+
+
 def other_pids():
     return [int(p) for p in os.listdir('/proc') if p.isdigit() and int(p) != 1]
 
 
-def prepare_mounts(config_dir, console_log):
+def fill_tmp(how):
+    """Leave /tmp (a small tmpfs) with no room for data or for a new inode.
+    The fillers are dot files, left out of the /tmp listing."""
+    if how == 'blocks':
+        fd = os.open('/tmp/.filler', os.O_WRONLY | os.O_CREAT, 0o600)
+        try:
+            while os.write(fd, b'x' * 512) > 0:
+                pass
+        except OSError:
+            pass
+        os.close(fd)
+    else:
+        n = 0
+        try:
+            while True:
+                os.mkdir('/tmp/.d%d' % n)
+                n += 1
+        except OSError:
+            pass
+
+
+# x86_64 and aarch64 numbers of the calls a daemon blocks in; anything else is
+# reported by number.
+SYSCALLS = {
+    'x86_64': {232: 'epoll_wait', 281: 'epoll_pwait', 23: 'select', 270: 'pselect6',
+               35: 'nanosleep', 230: 'clock_nanosleep', 45: 'recvfrom', 44: 'sendto',
+               61: 'wait4', 7: 'poll', 0: 'read', 1: 'write'},
+    'aarch64': {22: 'epoll_pwait', 72: 'pselect6', 101: 'nanosleep', 115: 'clock_nanosleep',
+                207: 'recvfrom', 206: 'sendto', 260: 'wait4', 63: 'read', 64: 'write'},
+}
+
+
+def where_is(pid):
+    """What a process is doing: the call it sleeps in, or 'running'."""
+    sc = read_text('/proc/%d/syscall' % pid)
+    if sc is None:
+        return 'gone'
+    sc = sc.split()
+    if not sc or sc[0] == 'running':
+        return 'running'
+    if sc[0] == '-1':
+        return 'user'
+    table = SYSCALLS.get(os.uname().machine, {})
+    return table.get(int(sc[0]), 'syscall %s' % sc[0])
+
+
+def prepare_mounts(config_dir, console_log, tmp_full=None):
     # A scratch tmpfs holds the overlay's upper layer and the console FIFO.
     # /etc gets an overlay so that /etc/config can exist here without being
     # created on the host; the scratch mount is detached again at once (the
@@ -72,10 +137,19 @@ def prepare_mounts(config_dir, console_log):
     # The FIFO is held open for reading and writing: the daemon's opens of
     # /dev/console never block and reading never sees an end of file.
     console = os.open('/dev/console', os.O_RDWR | os.O_NONBLOCK)
-    sh('mount', '-t', 'tmpfs', '-o', 'mode=1777', 'labtmp', '/tmp')
+    if tmp_full == 'blocks':
+        # One page, filled below: files can be made but cannot grow.
+        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777,size=4k', 'labtmp', '/tmp')
+    elif tmp_full == 'inodes':
+        # Few inodes, used up below: no file can be made at all.
+        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777,nr_inodes=16', 'labtmp', '/tmp')
+    else:
+        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777', 'labtmp', '/tmp')
     if not console_log:
         # The log goes to /tmp/lanprobe.log only when that file already exists.
         open('/tmp/lanprobe.log', 'w').close()
+    if tmp_full:
+        fill_tmp(tmp_full)
     return console
 
 
@@ -87,6 +161,12 @@ def main():
                     help='no /tmp/lanprobe.log, so that the log goes to the console')
     ap.add_argument('--limit', type=float, default=60.0,
                     help='seconds after which everything left is killed')
+    ap.add_argument('--tmp-full', choices=['blocks', 'inodes'],
+                    help='/tmp without room for data, or for a new file')
+    ap.add_argument('--term-after', type=float,
+                    help='SIGTERM to the forked child this many seconds after it appeared')
+    ap.add_argument('--strace', help='run the daemon under strace with these options, blank-separated')
+    ap.add_argument('--strace-child', help='the same, attached to the forked child once it is seen')
     ap.add_argument('cmd', nargs=argparse.REMAINDER)
     a = ap.parse_args()
     cmd = a.cmd[1:] if a.cmd and a.cmd[0] == '--' else a.cmd
@@ -103,7 +183,7 @@ def main():
     def out_open(name, mode='wb'):
         return open(name, mode, opener=lambda p, f: os.open(p, f, 0o644, dir_fd=outfd))
 
-    console = prepare_mounts(a.config, a.console_log)
+    console = prepare_mounts(a.config, a.console_log, a.tmp_full)
     console_out = out_open('console.txt')
     stdout = out_open('stdout.txt')
 
@@ -117,40 +197,87 @@ def main():
                 return
             console_out.write(data)
 
+    if a.strace:
+        cmd = ['strace', '-f', '-qq', '-o', '/proc/self/fd/2'] + a.strace.split() + ['--'] + cmd
     status = {'cmd': cmd, 'parent_pid': None, 'parent': None, 'child_pid': None,
               'child': None, 'placeholder': None, 'others': [], 'timed_out': False}
+    if a.term_after is not None:
+        status['term'] = None
     t0 = time.monotonic()
-    pid = os.fork()
-    if pid == 0:
+    top = os.fork()
+    if top == 0:
         os.dup2(os.open('/dev/null', os.O_RDONLY), 0)
         os.dup2(stdout.fileno(), 1)
         os.dup2(stdout.fileno(), 2)
         for s in (signal.SIGINT, signal.SIGTERM, signal.SIGPIPE):
             signal.signal(s, signal.SIG_DFL)
         try:
-            os.execv(cmd[0], cmd)
+            os.execvp(cmd[0], cmd)
         finally:
             os._exit(127)
-    status['parent_pid'] = pid
+    # Under strace the daemon is strace's child, found by looking (its forked
+    # child may be handed to us before we look).
+    daemon_parent = status['parent_pid'] = None if a.strace else top
+    # The forked child is looked for as soon as it exists only when something
+    # must be done to it while it runs; otherwise it is taken when its parent ends.
+    watch = bool(a.strace or a.strace_child or a.term_after is not None)
+    child_seen_at = None
+
+    def child_found(pid):
+        nonlocal child_seen_at
+        status['child_pid'] = pid
+        child_seen_at = time.monotonic()
+        if a.strace_child:
+            attach = subprocess.Popen(
+                ['strace', '-qq', '-o', os.path.join(a.out, 'strace-child.txt'), '-p', str(pid)]
+                + a.strace_child.split(), stdin=subprocess.DEVNULL)
+            status['strace_child_pid'] = attach.pid
 
     while True:
         drain()
+        if watch and status['child_pid'] is None:
+            for p in other_pids():
+                if p == top or comm_of(p) != 'lanprobe':
+                    continue
+                pp = ppid_of(p)
+                if pp == top:
+                    if daemon_parent is None:
+                        daemon_parent = status['parent_pid'] = p
+                elif pp == 1 or (daemon_parent is not None and pp == daemon_parent):
+                    child_found(p)
+        if (a.term_after is not None and status['term'] is None and child_seen_at is not None
+                and time.monotonic() - child_seen_at >= a.term_after):
+            pid = status['child_pid']
+            if status['child'] is None:
+                where = where_is(pid)
+                os.kill(pid, signal.SIGTERM)
+                status['term'] = {'at_ms': round((time.monotonic() - t0) * 1000), 'where': where,
+                                  'result_then': read_text('/tmp/lanprobe_result')}
+            else:
+                status['term'] = {'where': 'after end'}
         try:
             while True:
-                rpid, st = os.waitpid(-1, os.WNOHANG)
+                rpid, st, ru = os.wait4(-1, os.WNOHANG)
                 if rpid == 0:
                     break
                 now = round((time.monotonic() - t0) * 1000)
-                if rpid == status['parent_pid']:
+                if rpid == top and a.strace:
+                    status['strace'] = decode_status(st)
+                elif rpid == daemon_parent:
                     status['parent'] = dict(decode_status(st), ms=now)
-                    # The child, if any, has just been handed to us: it is the
-                    # one process whose parent is now PID 1.
-                    kids = [p for p in other_pids() if ppid_of(p) == 1]
-                    if kids:
-                        status['child_pid'] = min(kids)
+                    if status['child_pid'] is None:
+                        # The child, if any, has just been handed to us: it is
+                        # the one process of the daemon whose parent is now PID 1.
+                        kids = [p for p in other_pids() if ppid_of(p) == 1 and p != top
+                                and p != status.get('strace_child_pid')]
+                        if kids:
+                            child_found(min(kids))
                     status['placeholder'] = read_text('/tmp/lanprobe_result')
+                elif rpid == status.get('strace_child_pid'):
+                    status['strace_child'] = decode_status(st)
                 elif rpid == status['child_pid']:
-                    status['child'] = dict(decode_status(st), ms=now)
+                    status['child'] = dict(decode_status(st), ms=now,
+                                           cpu_s=round(ru.ru_utime + ru.ru_stime, 3))
                 else:
                     status['others'].append(dict(decode_status(st), pid=rpid, ms=now))
         except ChildProcessError:
@@ -162,15 +289,20 @@ def main():
                     os.kill(p, signal.SIGKILL)
                 except ProcessLookupError:
                     pass
-        select.select([console], [], [], 0.05)
+        select.select([console], [], [], 0.005 if a.term_after is not None else 0.05)
     drain()
 
     status['elapsed_ms'] = round((time.monotonic() - t0) * 1000)
-    status['tmp_files'] = sorted(os.listdir('/tmp'))
+    tmp_files = os.listdir('/tmp')
+    if a.tmp_full:
+        tmp_files = [f for f in tmp_files if not f.startswith('.')]
+    status['tmp_files'] = sorted(tmp_files)
+    log = read_bytes('/tmp/lanprobe.log')
+    status['log_bytes'] = None if log is None else len(log)
     for src, dst in (('/tmp/lanprobe_result', 'result'), ('/tmp/lanprobe.log', 'lanprobe.log')):
-        data = read_text(src)
+        data = read_bytes(src)
         if data is not None:
-            with out_open(dst, 'w') as f:
+            with out_open(dst) as f:
                 f.write(data)
     with out_open('status.json', 'w') as f:
         json.dump(status, f, indent=1)

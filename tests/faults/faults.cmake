@@ -16,12 +16,8 @@ set(LP_FAULT_SCENARIOS
   self_signals    # our own SIGTERM still ends the process at once
   hostile_lan     # crafted replies flooding a port while a real server answers
 )
-foreach(s ${LP_FAULT_SCENARIOS})
-  add_test(NAME faults_${s}
-           COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tests/faults/faults.py
-                   --bin $<TARGET_FILE:lanprobe> ${s})
-  set_tests_properties(faults_${s} PROPERTIES LABELS "root;lab;faults" TIMEOUT 240)
-endforeach()
+include(${CMAKE_SOURCE_DIR}/tests/lab/lab.cmake)   # lp_add_scenario_tests
+lp_add_scenario_tests(faults tests/faults/faults.py "root;lab;faults" 240 ${LP_FAULT_SCENARIOS})
 
 if(LANPROBE_SANITIZE)
   # These runs put the daemon under strace to deliver the signal inside a

@@ -22,14 +22,13 @@ import shutil
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-TOP = os.path.dirname(os.path.dirname(HERE))
-LAB = os.path.join(TOP, 'scripts', 'lab', 'lab.sh')
-PY = '/usr/bin/python3'
-LOG_LINE = re.compile(r'^\[lanprobe\]\[(\w+)\]\[-?\d+\]\[[^\]]*:\d+\]: (.*)$')
+sys.path.insert(0, os.path.join(os.path.dirname(HERE), 'lab'))
+import labrun  # noqa: E402
+from labrun import LAB, NSINIT, PY, TOP, Failure, check, host_mac, log_lines, pool  # noqa: E402
+
 END_LINE = re.compile(r'\[lanprobe\(pid:\d+\)\] receive signal:15, exit')
 MAC = re.compile(r'^[0-9A-F]{2}(:[0-9A-F]{2}){5}$')
 IPV4 = re.compile(r'^\d{1,3}(\.\d{1,3}){3}$')
@@ -41,34 +40,16 @@ def end_bound_ms(ports):
     return 13000 + 2 * (ports * 300 + 310) + 6000
 
 
-class Failure(Exception):
-    pass
-
-
-def check(cond, what):
-    if not cond:
-        raise Failure(what)
-
-
-def host_mac(n):
-    return '02:1A:00:00:01:%02X' % n
-
-
-def pool(n):
-    return ['192.168.1.%d' % (100 + 20 * n + i) for i in range(20)]
-
-
 # ------------------------------------------------------------------ lab
-class Lab:
+class Lab(labrun.Lab):
+    prefix = 'lanprobe-faults.'
+
     def __init__(self, layout, opts):
-        self.opts = opts
-        self.base = tempfile.mkdtemp(prefix='lanprobe-faults.', dir=opts.workdir)
-        self.state = os.path.join(self.base, 'state')
-        self.layout = layout
-        self.runs = 0
-        subprocess.run(['bash', LAB, 'up', self.state] + layout, check=True,
-                       env=dict(os.environ, LAB_QUIET='1'))
+        super().__init__(layout, opts)
         self.ports = [s.split('=')[0] for s in layout if s.startswith('eth')]
+
+    def keep_outputs(self):
+        return self.opts.keep_all
 
     def exec(self, name, *cmd, check_rc=True):
         return subprocess.run(['bash', LAB, 'exec', self.state, name] + list(cmd), check=check_rc,
@@ -99,8 +80,7 @@ class Lab:
         os.makedirs(out)
         cmd = ['bash', LAB, 'exec', self.state, 'router', 'unshare', '--mount', '--propagation',
                'private', '--pid', '--fork', '--mount-proc', '--kill-child', PY,
-               os.path.join(HERE, 'fault_init.py'), '--config',
-               config or os.path.join(self.state, 'config'), '--out', out]
+               NSINIT, '--config', config or os.path.join(self.state, 'config'), '--out', out]
         if tmp_full:
             cmd += ['--tmp-full', tmp_full]
         if term_after is not None:
@@ -134,42 +114,14 @@ class Lab:
         r.acted = acted
         return r
 
-    def down(self, keep=False):
-        subprocess.run(['bash', LAB, 'down', self.state], check=False)
-        if not (keep or self.opts.keep_all):
-            shutil.rmtree(self.base, ignore_errors=True)
 
-
-class Run:
+class Run(labrun.Run):
     def __init__(self, out, lab):
-        self.out = out
-        with open(os.path.join(out, 'status.json')) as f:
-            self.status = json.load(f)
-        self.raw_result = self._read('result')
-        log = self._read('lanprobe.log') or ''
-        self.log_text = log + (self._read('stdout.txt') or '')
-        self.console = self._read('console.txt') or ''
-        self.lines = [m.groups() for m in map(LOG_LINE.match, self.log_text.splitlines()) if m]
+        super().__init__(out)
         self.ports = len(lab.ports)
 
-    def _read(self, name):
-        try:
-            with open(os.path.join(self.out, name), encoding='utf-8', errors='replace') as f:
-                return f.read()
-        except OSError:
-            return None
-
     def use_console_log(self):
-        self.lines = [m.groups() for m in map(LOG_LINE.match, self.console.splitlines()) if m]
-
-    def count(self, text):
-        return sum(1 for _, m in self.lines if m == text)
-
-    def index(self, text, start=0):
-        for i in range(start, len(self.lines)):
-            if self.lines[i][1] == text:
-                return i
-        return -1
+        self.lines = log_lines(self.console)
 
     def document(self):
         """The result document's entries, after checking its whole form."""
@@ -243,8 +195,7 @@ def port_spin(r, port):
 def fault_port_gone(action):
     def fn(opts, runs, figures):
         for _ in range(runs):
-            lab = Lab(SERVER_SILENT, opts)
-            try:
+            with Lab(SERVER_SILENT, opts) as lab:
                 r = lab.run('-d', '7', '-t', '3000', during=('eth1', action))
                 check(r.acted, 'no DISCOVER left eth1')
                 ended_cleanly(r)
@@ -263,10 +214,6 @@ def fault_port_gone(action):
                 # without that, the loop reports it at every pass until the pass
                 # times out (hundreds of thousands of calls).
                 check(spin <= 10, 'eth1 read handler called %d times after the port went away' % spin)
-                lab.down()
-            except BaseException:
-                lab.down(keep=opts.keep)
-                raise
     return fn
 
 
@@ -278,8 +225,7 @@ def fault_server_killed(opts, runs, figures):
     # udhcpd checks the address with ARP for about 2 s before it offers, so
     # killing it once the DISCOVER is out kills it in the middle of the pass.
     for _ in range(runs):
-        lab = Lab(['eth0=dnsmasq', 'eth1=udhcpd'], opts)
-        try:
+        with Lab(['eth0=dnsmasq', 'eth1=udhcpd'], opts) as lab:
             r = lab.run('-d', '7', '-t', '4000', during=('eth1', kill_server))
             check(r.acted, 'no DISCOVER left eth1')
             ended_cleanly(r)
@@ -293,17 +239,12 @@ def fault_server_killed(opts, runs, figures):
                 check(r.count('Detection over!') == 1, 'not ended by the deadline')
             figures['eth1_found'].append(len(entries) == 2)
             figures['passes'].append(r.count('Entering function: uloop_proto_detect_start!'))
-            lab.down()
-        except BaseException:
-            lab.down(keep=opts.keep)
-            raise
 
 
 def fault_bridge_gone(cmd):
     def fn(opts, runs, figures):
         for _ in range(runs):
-            lab = Lab(SERVER_SILENT, opts)
-            try:
+            with Lab(SERVER_SILENT, opts) as lab:
                 r = lab.run('-d', '7', '-t', '2000',
                             during=('eth1', lambda lab: lab.exec('router', *cmd.split())))
                 check(r.acted, 'no DISCOVER left eth1')
@@ -319,16 +260,11 @@ def fault_bridge_gone(cmd):
                 check(r.count('No actual device need detected, skip dhcp detect!') == 1,
                       'the pass after the fault probed something')
                 figures['passes'].append(r.count('Entering function: uloop_proto_detect_start!'))
-                lab.down()
-            except BaseException:
-                lab.down(keep=opts.keep)
-                raise
     return fn
 
 
 def fault_no_ipv4(opts, runs, figures):
-    lab = Lab(['eth0=dnsmasq', 'eth1=empty'], opts)
-    try:
+    with Lab(['eth0=dnsmasq', 'eth1=empty'], opts) as lab:
         lab.exec('router', 'ip', 'addr', 'flush', 'dev', 'br-lan')
         for _ in range(runs):
             r = lab.run('-d', '7')
@@ -338,10 +274,6 @@ def fault_no_ipv4(opts, runs, figures):
             check(r.count('invalid parameters! Send failed!') == 1
                   and r.count('find_target_ip_and_device_with_arp failed, return null!') == 1,
                   'the ARP check did not refuse to run')
-        lab.down()
-    except BaseException:
-        lab.down(keep=opts.keep)
-        raise
 
 
 def _write(name, data):
@@ -391,8 +323,7 @@ CONFIGS = [
 
 
 def fault_config(opts, runs, figures):
-    lab = Lab(['eth0=dnsmasq', 'eth1=empty'], opts)
-    try:
+    with Lab(['eth0=dnsmasq', 'eth1=empty'], opts) as lab:
         for i in range(runs):
             name, edit, want, *label = CONFIGS[i % len(CONFIGS)]
             r = lab.run('-d', '7', config=lab.config_copy(edit))
@@ -407,10 +338,6 @@ def fault_config(opts, runs, figures):
             except Failure as e:
                 raise Failure('%s: %s' % (name, e))
             figures['variants'][name] += 1
-        lab.down()
-    except BaseException:
-        lab.down(keep=opts.keep)
-        raise
 
 
 def fault_tmp_full(opts, runs, figures):
@@ -420,8 +347,7 @@ def fault_tmp_full(opts, runs, figures):
     # inodes: no file can be made: the forwarding database is fetched with the
     # bridge ioctl instead, eth0 is probed and answers, and the document
     # cannot be written.
-    lab = Lab(['eth0=dnsmasq', 'eth1=empty'], opts)
-    try:
+    with Lab(['eth0=dnsmasq', 'eth1=empty'], opts) as lab:
         for i in range(runs):
             how = ('blocks', 'inodes')[i % 2]
             r = lab.run('-d', '7', tmp_full=how, console_log=True)
@@ -437,10 +363,6 @@ def fault_tmp_full(opts, runs, figures):
                 check(r.count('Success parse dhcp discovery packet in dev=eth0') == 1, 'eth0 not answered')
             check(r.count('Detection over beause all devices have dhcp server!') == 1, 'not ended by a poll')
             figures[how] += 1
-        lab.down()
-    except BaseException:
-        lab.down(keep=opts.keep)
-        raise
 
 
 # ------------------------------------------------------------------ SIGTERM from outside
@@ -476,8 +398,7 @@ def term_moment(r):
 
 
 def fault_term_random(opts, runs, figures):
-    lab = Lab(TERM_LAYOUT, opts)
-    try:
+    with Lab(TERM_LAYOUT, opts) as lab:
         rng = random.Random()
         for _ in range(runs):
             r = lab.run('-d', '7', term_after=rng.uniform(0.0, 6.0))
@@ -491,10 +412,6 @@ def fault_term_random(opts, runs, figures):
                 check(r.status['term'].get('result_then') in ('time 19', None) or
                       r.status['term']['result_then'].startswith('{"result":'),
                       'result while running: %r' % r.status['term'].get('result_then'))
-        lab.down()
-    except BaseException:
-        lab.down(keep=opts.keep)
-        raise
 
 
 # Signals delivered by strace on entering a chosen call of the forked child:
@@ -560,8 +477,7 @@ def targeted_check(i, r):
 
 
 def fault_term_targeted(opts, runs, figures):
-    lab = Lab(TERM_LAYOUT, opts)
-    try:
+    with Lab(TERM_LAYOUT, opts) as lab:
         for k in range(runs):
             i = k % len(TARGETED)
             name, how, strace_opts, call = TARGETED[i]
@@ -585,16 +501,11 @@ def fault_term_targeted(opts, runs, figures):
             except Failure as e:
                 raise Failure('%s: %s' % (name, e))
             figures['moments'][name] += 1
-        lab.down()
-    except BaseException:
-        lab.down(keep=opts.keep)
-        raise
 
 
 def fault_self_signals(opts, runs, figures):
     """Our own signals still end the process at once."""
-    lab = Lab(['eth0=dnsmasq', 'eth1=empty'], opts)
-    try:
+    with Lab(['eth0=dnsmasq', 'eth1=empty'], opts) as lab:
         for _ in range(runs):
             # kill_self after the detection: its end line follows the detection's
             # last line directly, with nothing of the loop in between.
@@ -609,18 +520,13 @@ def fault_self_signals(opts, runs, figures):
             check(lines[-2] == 'init_all_eth_device failed!', 'tail %r' % lines[-3:])
             check(r.raw_result == 'time 19', 'result %r' % r.raw_result)
             figures['runs'] += 1
-        lab.down()
-    except BaseException:
-        lab.down(keep=opts.keep)
-        raise
 
 
 # ------------------------------------------------------------------ hostile LAN
 def fault_hostile(opts, runs, figures):
     # udhcpd checks the address for about 2 s before it offers: the flood and
     # the decoys sent for the DISCOVER reach the probe's socket first.
-    lab = Lab(['eth0=udhcpd', 'eth1=empty'], opts)
-    try:
+    with Lab(['eth0=udhcpd', 'eth1=empty'], opts) as lab:
         for _ in range(runs):
             events = os.path.join(lab.base, 'flood%d.json' % lab.runs)
             flood = subprocess.Popen(['bash', LAB, 'exec', lab.state, 'eth0', PY,
@@ -655,10 +561,6 @@ def fault_hostile(opts, runs, figures):
             figures['frames_sent'].append(stats['sent'])
             figures['right_xid_decoys'].append(stats['answers'])
             figures['handler_refusals'].append(own + misses + parse)
-        lab.down()
-    except BaseException:
-        lab.down(keep=opts.keep)
-        raise
 
 
 # ------------------------------------------------------------------ driver

@@ -1,6 +1,18 @@
 # End-to-end lab: lanprobe in a lab router (network, mount and PID namespaces)
 # with real DHCP servers and crafted responders behind its ports.  Needs root.
 # Each scenario brings up and tears down its own lab; see tests/lab/scenarios.py.
+# The fault runs (tests/faults) register theirs with the same function.
+include_guard(GLOBAL)
+
+# One test PREFIX_NAME per scenario NAME: DRIVER --bin <daemon> NAME.
+function(lp_add_scenario_tests prefix driver labels timeout)
+  foreach(s ${ARGN})
+    add_test(NAME ${prefix}_${s}
+             COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/${driver} --bin $<TARGET_FILE:lanprobe> ${s})
+    set_tests_properties(${prefix}_${s} PROPERTIES LABELS "${labels}" TIMEOUT ${timeout})
+  endforeach()
+endfunction()
+
 set(LP_LAB_SCENARIOS
   runner       # the namespace runner itself
   selftest     # every lab server answers a DISCOVER on its port
@@ -15,9 +27,4 @@ set(LP_LAB_SCENARIOS
   no_members   # br-lan without members: nothing probed, empty result
   first_poll   # ends at the first poll after every port answered
 )
-foreach(s ${LP_LAB_SCENARIOS})
-  add_test(NAME lab_${s}
-           COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tests/lab/scenarios.py
-                   --bin $<TARGET_FILE:lanprobe> ${s})
-  set_tests_properties(lab_${s} PROPERTIES LABELS "root;lab" TIMEOUT 120)
-endforeach()
+lp_add_scenario_tests(lab tests/lab/scenarios.py "root;lab" 120 ${LP_LAB_SCENARIOS})

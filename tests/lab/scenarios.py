@@ -12,58 +12,19 @@ import argparse
 import json
 import os
 import re
-import shutil
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 
-TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-LAB = os.path.join(TOP, 'scripts', 'lab', 'lab.sh')
-PY = '/usr/bin/python3'
-LOG_LINE = re.compile(r'^\[lanprobe\]\[(\w+)\]\[-?\d+\]\[[^\]]*:\d+\]: (.*)$')
+import labrun
+from labrun import LAB, PY, TOP, Failure, check, host_mac, log_lines, pool
+
 BR_MAC = '02-1A-00-00-00-01'
 
 
-class Failure(Exception):
-    pass
-
-
-def check(cond, what):
-    if not cond:
-        raise Failure(what)
-
-
-# ------------------------------------------------------------------ the lab
-def host_mac(n):
-    return '02:1A:00:00:01:%02X' % n
-
-
-def pool(n):
-    return ['192.168.1.%d' % (100 + 20 * n + i) for i in range(20)]
-
-
-class Run:
-    """What one daemon run left behind (see nsinit.py)."""
-
-    def __init__(self, out):
-        self.out = out
-        with open(os.path.join(out, 'status.json')) as f:
-            self.status = json.load(f)
-        self.raw_result = self._read('result')
-        # Log lines still buffered when logging ends may reach the inherited
-        # standard output instead of the log file: both count as the log.
-        self.log_text = (self._read('lanprobe.log') or '') + (self._read('stdout.txt') or '')
-        self.console = self._read('console.txt') or ''
-        self.lines = [m.groups() for m in map(LOG_LINE.match, self.log_text.splitlines()) if m]
-
-    def _read(self, name):
-        try:
-            with open(os.path.join(self.out, name), encoding='utf-8', errors='replace') as f:
-                return f.read()
-        except OSError:
-            return None
+class Run(labrun.Run):
+    """What one daemon run left behind, read for the lab's checks."""
 
     def result(self):
         check(self.raw_result is not None, 'no result file')
@@ -73,15 +34,6 @@ class Run:
             raise Failure('result is not JSON: %r' % self.raw_result)
         check(len(doc) == 1 and doc[0][0] == 'result', 'result document: %r' % self.raw_result)
         return [dict(e) for e in doc[0][1]], [[k for k, _ in e] for e in doc[0][1]]
-
-    def count(self, text, level=None):
-        return sum(1 for lv, m in self.lines if m == text and (level is None or lv == level))
-
-    def index(self, text, start=0):
-        for i in range(start, len(self.lines)):
-            if self.lines[i][1] == text:
-                return i
-        return -1
 
     def has(self, level, text):
         check(self.count(text, level) > 0, 'log lacks %s %r' % (level, text))
@@ -94,16 +46,9 @@ class Run:
         check(i >= 0 and j >= 0 and i < j, 'expected %r before %r in the log' % (first, second))
 
 
-class Lab:
+class Lab(labrun.Lab):
     def __init__(self, args, opts):
-        self.opts = opts
-        self.base = tempfile.mkdtemp(prefix='lanprobe-lab.', dir=opts.workdir)
-        self.state = os.path.join(self.base, 'state')
-        self.runs = 0
-        t = time.monotonic()
-        subprocess.run(['bash', LAB, 'up', self.state] + args, check=True,
-                       env=dict(os.environ, LAB_QUIET='1'))
-        self.up_s = time.monotonic() - t
+        super().__init__(args, opts)
         with open(os.path.join(self.state, 'namespaces')) as f:
             self.namespaces = f.read().split()
         with open(os.path.join(self.state, 'pids')) as f:
@@ -131,11 +76,6 @@ class Lab:
     def events(self, port):
         with open(os.path.join(self.state, 'hosts', port, 'responder.events')) as f:
             return [json.loads(line) for line in f]
-
-    def down(self, keep=False):
-        subprocess.run(['bash', LAB, 'down', self.state], check=False)
-        if not (keep or self.opts.keep):
-            shutil.rmtree(self.base, ignore_errors=True)
 
 
 # ------------------------------------------------------------------ common checks
@@ -353,7 +293,7 @@ def sc_no_members(lab):
             text = r.console.split('Success set lanprobe debug level to 7!\n', 1)
             check(len(text) == 2, 'console: %r' % r.console[:200])
             r.log_text = text[1]
-            r.lines = [m.groups() for m in map(LOG_LINE.match, r.log_text.splitlines()) if m]
+            r.lines = log_lines(r.log_text)
         ended_normally(r)
         check(r.raw_result == '{"result":[]}', 'result: %r' % r.raw_result)
         r.has('Info', 'Parse lan devices success, count:2')
