@@ -132,6 +132,25 @@ int setTimeOut(int fd, unsigned int ms)
     return 0;
 }
 
+int send_arp_frame(t_arp_detect *slot, const uint8_t (&frame)[ARP_FRAME_LEN])
+{
+    // Out of the slot's port when it has one, else out of the run's interface.
+    struct sockaddr_ll to;
+    memset(&to, 0, sizeof(to));
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = slot->dev ? static_cast<int>(if_nametoindex(slot->dev->name))
+                               : arp_detect_handle.ifindex;
+    if (sendto(slot->ufd.fd, frame, sizeof(frame), 0, reinterpret_cast<struct sockaddr *>(&to),
+               sizeof(to)) < 0) {
+        LOG_MSG(LOG_LEVEL_ERROR, "Error while sending arp socket to %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
+                ip_text(slot->target_ip).text, MAC_ARGS(slot->target_mac));
+        close(slot->ufd.fd);
+        slot->ufd.fd = -1;
+        return LP_ERR_SEND;
+    }
+    return 0;
+}
+
 int send_arp_unicast_packet_blocked(t_arp_detect *slot)
 {
     LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: send_arp_unicast_packet_blocked!\n");
@@ -147,24 +166,9 @@ int send_arp_unicast_packet_blocked(t_arp_detect *slot)
     build_arp_request(frame, eth_dst, slot->src_mac, arp_detect_handle.br_ip, slot->target_mac,
                       slot->target_ip);
 
-    struct sockaddr_ll to;
-    memset(&to, 0, sizeof(to));
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = slot->dev ? static_cast<int>(if_nametoindex(slot->dev->name))
-                               : arp_detect_handle.ifindex;
-
     if (setTimeOut(slot->ufd.fd, ARP_SEND_WAIT_MS) != 0)
         return LP_ERR_SEND;
-
-    if (sendto(slot->ufd.fd, frame, sizeof(frame), 0, reinterpret_cast<struct sockaddr *>(&to),
-               sizeof(to)) < 0) {
-        LOG_MSG(LOG_LEVEL_ERROR, "Error while sending arp socket to %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                ip_text(slot->target_ip).text, MAC_ARGS(slot->target_mac));
-        close(slot->ufd.fd);
-        slot->ufd.fd = -1;
-        return LP_ERR_SEND;
-    }
-    return 0;
+    return send_arp_frame(slot, frame);
 }
 
 void release_arp_detect_handle(t_arp_detect_handle *handle)

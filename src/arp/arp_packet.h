@@ -80,6 +80,9 @@ int init_arp_sockfd(t_arp_detect *slot, t_device *dev, const uint8_t *target_mac
                     uint32_t target_ip);
 int setTimeOut(int fd, unsigned int ms);
 int send_arp_unicast_packet_blocked(t_arp_detect *slot);
+// Sends a built frame from the slot's socket; a failed send is logged and
+// closes the socket (descriptor -1).  0 or -88.
+int send_arp_frame(t_arp_detect *slot, const uint8_t (&frame)[ARP_FRAME_LEN]);
 void release_arp_detect_handle(t_arp_detect_handle *handle);
 
 // Dotted form of an address in network byte order, by value, so that one log

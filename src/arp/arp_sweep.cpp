@@ -156,21 +156,10 @@ int send_arp_unicast_packet(t_arp_detect *slot)
     build_arp_request(frame, slot->target_mac, arp_detect_handle.br_mac, arp_detect_handle.br_ip,
                       slot->target_mac, slot->target_ip);
 
-    struct sockaddr_ll to;
-    memset(&to, 0, sizeof(to));
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = slot->dev ? static_cast<int>(if_nametoindex(slot->dev->name))
-                               : arp_detect_handle.ifindex;
-
     uloop_fd_delete(&slot->ufd);
-    if (sendto(slot->ufd.fd, frame, sizeof(frame), 0, reinterpret_cast<struct sockaddr *>(&to),
-               sizeof(to)) < 0) {
-        LOG_MSG(LOG_LEVEL_ERROR, "Error while sending arp socket to %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                ip_text(slot->target_ip).text, MAC_ARGS(slot->target_mac));
-        close(slot->ufd.fd);
-        slot->ufd.fd = -1;
-        return LP_ERR_SEND;
-    }
+    int rc = send_arp_frame(slot, frame);
+    if (rc != 0)
+        return rc;
     uloop_fd_add(&slot->ufd, ARP_SWEEP_FD_FLAGS);
     return 0;
 }
