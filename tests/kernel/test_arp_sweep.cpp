@@ -17,6 +17,7 @@ extern "C" {
 #include "arp/arp_packet.h"
 #include "arp/arp_sweep.h"
 #include "registry/device_table.h"
+#include "support/arp_table.h"
 #include "support/if_query.h"
 #include "support/log.h"
 #include "support/lan.h"
@@ -30,25 +31,6 @@ using lptest::Reply;
 using lptest::count_of;
 using lptest::run_in_netns;
 using lptest::StdoutCapture;
-
-t_arp_entry *add_entry(t_arp_entry **table, const uint8_t *mac, uint32_t addr)
-{
-    auto *e = static_cast<t_arp_entry *>(calloc(1, sizeof(t_arp_entry)));
-    memcpy(e->mac, mac, 6);
-    e->ip = addr;
-    HASH_ADD(hh, *table, mac, MAC_LEN, e);
-    return e;
-}
-
-void clear_table(t_arp_entry **table)
-{
-    t_arp_entry *e, *tmp;
-    HASH_ITER(hh, *table, e, tmp)
-    {
-        HASH_DEL(*table, e);
-        free(e);
-    }
-}
 
 struct Bridge {
     uint32_t ip = 0, netmask = 0;
@@ -90,9 +72,9 @@ struct Lan {
         const char *addrs[5] = {"192.168.1.10", "192.168.1.20", "192.168.1.30", "192.168.1.40",
                                 "192.168.1.50"};
         for (int i = 0; i < 5; i++)
-            add_entry(&table, mac[i], ipv4(addrs[i]));
+            lptest::add_arp_entry(&table, mac[i], ipv4(addrs[i]));
     }
-    ~Lan() { clear_table(&table); }
+    ~Lan() { lptest::clear_arp_table(&table); }
     bool has(int i) { return find_arp_entry(table, mac[i]) != nullptr; }
 };
 

@@ -18,6 +18,7 @@
 #include "arp/arp_packet.h"
 #include "arp/arp_sweep.h"
 #include "registry/device_table.h"
+#include "support/arp_table.h"
 #include "support/log.h"
 #include "support/netns.h"
 
@@ -110,22 +111,10 @@ TEST(ArpFrame, SubnetRule)
 
 t_arp_entry *add_entry(t_arp_entry **table, uint8_t last, uint32_t ip)
 {
-    auto *e = static_cast<t_arp_entry *>(calloc(1, sizeof(t_arp_entry)));
-    memcpy(e->mac, kHostMac, 6);
-    e->mac[5] = last;
-    e->ip = ip;
-    HASH_ADD(hh, *table, mac, MAC_LEN, e);
-    return e;
-}
-
-void clear_table(t_arp_entry **table)
-{
-    t_arp_entry *e, *tmp;
-    HASH_ITER(hh, *table, e, tmp)
-    {
-        HASH_DEL(*table, e);
-        free(e);
-    }
+    uint8_t mac[MAC_LEN];
+    memcpy(mac, kHostMac, MAC_LEN);
+    mac[5] = last;
+    return lptest::add_arp_entry(table, mac, ip);
 }
 
 // A run of n slots whose descriptors are one end of datagram socket pairs;
@@ -211,7 +200,7 @@ TEST(ArpSweepRead, OneFramePerCall)
         EXPECT_EQ(run.slot(0).ufd.fd > 0, !c.replied) << "an answered slot's socket is closed";
         EXPECT_EQ(get_arp_entry_count(table), c.entry_kept ? 1u : 0u);
         EXPECT_EQ(count_of(out, c.message), 1u) << out;
-        clear_table(&table);
+        lptest::clear_arp_table(&table);
     }
 }
 
@@ -250,7 +239,7 @@ TEST(ArpSweepJudge, WaitsThenPrunesTheSilent)
     EXPECT_EQ(count_of(out, "! Remove it from arp hash table!\n"), 2u) << out;
     EXPECT_LT(out.find("No arp reply from 192.168.1.12|02-00-00-00-00-02!"),
               out.find("No arp reply from 192.168.1.13|02-00-00-00-00-03!"));
-    clear_table(&table);
+    lptest::clear_arp_table(&table);
 }
 
 TEST(ArpSweepJudge, ResultCodes)
@@ -271,7 +260,7 @@ TEST(ArpSweepJudge, ResultCodes)
         run.deliver(0, reply_frame(ip4(192, 168, 1, 50)));
         EXPECT_EQ(process_arp_detect_all(timeout), 97) << "timeout " << timeout;
         EXPECT_EQ(get_arp_entry_count(table), 1u);
-        clear_table(&table);
+        lptest::clear_arp_table(&table);
     }
 }
 
