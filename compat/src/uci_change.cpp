@@ -105,6 +105,18 @@ int set_section(struct uci_ptr *ptr)
     return ptr->s ? UCI_OK : UCI_ERR_MEM;
 }
 
+// The entry of every change call: forget the previous error, check the
+// pointer (and its value where the change needs one) and run the lookup if the
+// caller filled the pointer by hand.  A failure is recorded and returned.
+int start_change(struct uci_context *ctx, struct uci_ptr *ptr, bool needs_value)
+{
+    clear_error(ctx);
+    if (!ptr || (needs_value && !ptr->value))
+        return fail(ctx, UCI_ERR_INVAL);
+    int rc = ensure_lookup(ctx, ptr);
+    return rc == UCI_OK ? UCI_OK : fail(ctx, rc);
+}
+
 } // namespace
 
 extern "C" {
@@ -113,12 +125,9 @@ int uci_set(struct uci_context *ctx, struct uci_ptr *ptr)
 {
     if (!ctx)
         return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!ptr || !ptr->value)
-        return fail(ctx, UCI_ERR_INVAL);
-    int rc = ensure_lookup(ctx, ptr);
+    int rc = start_change(ctx, ptr, true);
     if (rc != UCI_OK)
-        return fail(ctx, rc);
+        return rc;
     if (!ptr->section || (!ptr->s && ptr->option))
         return fail(ctx, UCI_ERR_INVAL);
     if (!*ptr->value) {
@@ -136,12 +145,9 @@ int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr)
 {
     if (!ctx)
         return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!ptr)
-        return fail(ctx, UCI_ERR_INVAL);
-    int rc = ensure_lookup(ctx, ptr);
+    int rc = start_change(ctx, ptr, false);
     if (rc != UCI_OK)
-        return fail(ctx, rc);
+        return rc;
     rc = delete_target(ptr);
     if (rc == 1)
         return 1; // not a list index: nothing changed, no error recorded
@@ -152,12 +158,9 @@ int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr)
 {
     if (!ctx)
         return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!ptr || !ptr->value)
-        return fail(ctx, UCI_ERR_INVAL);
-    int rc = ensure_lookup(ctx, ptr);
+    int rc = start_change(ctx, ptr, true);
     if (rc != UCI_OK)
-        return fail(ctx, rc);
+        return rc;
     if (!ptr->s || !ptr->option || !valid_name(ptr->option))
         return fail(ctx, UCI_ERR_INVAL);
     if (!record_change(ptr->p, UCI_CMD_LIST_ADD, ptr->s->e.name, ptr->option, ptr->value))
@@ -177,12 +180,9 @@ int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr)
 {
     if (!ctx)
         return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!ptr || !ptr->value)
-        return fail(ctx, UCI_ERR_INVAL);
-    int rc = ensure_lookup(ctx, ptr);
+    int rc = start_change(ctx, ptr, true);
     if (rc != UCI_OK)
-        return fail(ctx, rc);
+        return rc;
     if (!ptr->s)
         return fail(ctx, UCI_ERR_INVAL);
     struct uci_option *o = ptr->o;
