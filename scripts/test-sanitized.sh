@@ -20,7 +20,7 @@ start=$(date +%s)
 # maybe-uninitialized inside libstdc++'s regex); they stay warnings here, the
 # release build keeps them errors.  The benchmark helpers link statically,
 # which ASan cannot.
-cmake -S "$TOP" -B "$BUILD" -DLANPROBE_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug \
+cmake -S "$TOP" -B "$BUILD" -DLANPROBE_SANITIZE=ON -DLANPROBE_WERROR=ON -DCMAKE_BUILD_TYPE=Debug \
     "-DCMAKE_CXX_FLAGS=-Wno-error=stringop-truncation -Wno-error=maybe-uninitialized" \
     -DLANPROBE_BUILD_BENCH=OFF > /dev/null
 cmake --build "$BUILD" -j"${SAN_JOBS:-2}"

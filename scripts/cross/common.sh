@@ -120,7 +120,7 @@ build_arch() {
     bdir="$top/build-cross-$arch"
     note "building for $triplet in $bdir"
     LANPROBE_CROSS_STAGE="$stage_root" cmake -S "$top" -B "$bdir" \
-        -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchains/$triplet.cmake" >/dev/null
+        -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchains/$triplet.cmake" -DLANPROBE_WERROR=ON >/dev/null
     cmake --build "$bdir" -j "$jobs"
 }
 

@@ -10,6 +10,7 @@
 #include "support/if_query.h"
 #include "support/log.h"
 #include "support/result_codes.h"
+#include "support/term_request.h"
 
 namespace {
 
@@ -32,17 +33,21 @@ void empty_list(t_device_list_head *possible_dev_list)
     possible_dev_list->dev_num = 0;
 }
 
-// Reads what is queued on the slot's socket until it runs dry or a reply
-// for the target address turns up.
-void read_replies(t_arp_detect &slot, uint8_t (&buf)[ARP_RECV_BUF_LEN])
+// Step 12 of check_ip_using_arp_blocked, logged under its name: reads what
+// is queued on the slot's socket until it runs dry or a reply for the target
+// address turns up.  Frames land in the buffer the caller cleared for this
+// slot and are judged over all of it, so bytes that a short frame did not
+// bring read as zero (or as what an earlier, longer frame left there).
+void read_replies(t_arp_detect &slot, uint8_t (&buf)[ARP_RECV_BUF_LEN], const char *op)
 {
+    const ByteView frame(buf, sizeof(buf));
     while (slot.ufd.fd > 0) {
         ssize_t n = recvfrom(slot.ufd.fd, buf, sizeof(buf), MSG_DONTWAIT, nullptr, nullptr);
         if (n <= 0)
             return;
         uint32_t sender_ip = 0;
-        if (!arp_reply_sender_ip(ByteView(buf, static_cast<size_t>(n)), &sender_ip)) {
-            LOG_MSG(LOG_LEVEL_ERROR, "Not a arp reply packet\n");
+        if (!arp_reply_sender_ip(frame, &sender_ip)) {
+            LOG_MSG_AS(op, LOG_LEVEL_ERROR, "Not a arp reply packet\n");
             continue;
         }
         if (sender_ip == slot.target_ip) {
@@ -51,10 +56,10 @@ void read_replies(t_arp_detect &slot, uint8_t (&buf)[ARP_RECV_BUF_LEN])
             slot.ufd.fd = -1;
             return;
         }
-        LOG_MSG(LOG_LEVEL_INFO, "arp reply receieve a different ip:%s, Ignore!\n",
-                ip_text(sender_ip).text);
-        LOG_MSG(LOG_LEVEL_INFO, "arp reply receieve a different ip, orig:%s, Ignore!\n",
-                ip_text(slot.target_ip).text);
+        LOG_MSG_AS(op, LOG_LEVEL_INFO, "arp reply receieve a different ip:%s, Ignore!\n",
+                   ip_text(sender_ip).text);
+        LOG_MSG_AS(op, LOG_LEVEL_INFO, "arp reply receieve a different ip, orig:%s, Ignore!\n",
+                   ip_text(slot.target_ip).text);
     }
 }
 
@@ -143,7 +148,8 @@ int check_ip_using_arp_blocked(uint32_t target_ip, const uint8_t *target_mac,
             }
         }
 
-        usleep(ARP_REPLY_PAUSE_MS * 1000);
+        // A stop requested from outside cuts the pause short and ends the run.
+        term_pause_ms(ARP_REPLY_PAUSE_MS);
 
         for (i = 0; i < num; i++) {
             t_arp_detect &slot = slots[i];
@@ -152,7 +158,7 @@ int check_ip_using_arp_blocked(uint32_t target_ip, const uint8_t *target_mac,
                     "Trying to recv Arp packet for: %s|%02X-%02X-%02X-%02X-%02X-%02X via dev:%s, retry_times:%d/%d\n",
                     ip_text(slot.target_ip).text, MAC_ARGS(slot.target_mac), slot_dev_name(slot),
                     attempt, ARP_CHECK_ATTEMPTS);
-            read_replies(slot, buf);
+            read_replies(slot, buf, __func__);
         }
 
         // The first attempt that gets any answer is the last one.

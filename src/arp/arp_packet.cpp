@@ -17,6 +17,7 @@
 #include "support/if_query.h"
 #include "support/log.h"
 #include "support/result_codes.h"
+#include "support/term_request.h"
 
 t_arp_detect_handle arp_detect_handle;
 
@@ -106,25 +107,29 @@ int setTimeOut(int fd, unsigned int ms)
     if (flags >= 0)
         fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 
+    // The wait also ends when a stop is requested from outside (its pipe
+    // becomes readable, or the signal interrupts select): acted on here,
+    // before anything is sent.
+    int stop_fd = term_request_fd();
     int rc;
-    if (fd >= 0 && fd < FD_SETSIZE) {
+    if (fd >= 0 && fd < FD_SETSIZE && stop_fd < FD_SETSIZE) {
         fd_set readfds;
         FD_ZERO(&readfds);
         FD_SET(fd, &readfds);
+        if (stop_fd >= 0)
+            FD_SET(stop_fd, &readfds);
         struct timeval tv;
         tv.tv_sec = ms / 1000;
         tv.tv_usec = (ms % 1000) * 1000;
-        rc = select(fd + 1, &readfds, nullptr, nullptr, &tv);
+        rc = select((fd > stop_fd ? fd : stop_fd) + 1, &readfds, nullptr, nullptr, &tv);
     } else {
         // An fd_set holds descriptors below FD_SETSIZE (1024) only; FD_SET on a
         // higher one writes past the set.  A process with many open descriptors
         // can get one that high, so the same wait is made with poll there.
-        struct pollfd pfd;
-        pfd.fd = fd;
-        pfd.events = POLLIN;
-        pfd.revents = 0;
-        rc = poll(&pfd, 1, static_cast<int>(ms > 0x7fffffffu ? 0x7fffffffu : ms));
+        struct pollfd pfd[2] = {{fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        rc = poll(pfd, 2, static_cast<int>(ms > 0x7fffffffu ? 0x7fffffffu : ms));
     }
+    term_act_if_requested();
     if (rc < 0) {
         LOG_MSG(LOG_LEVEL_ERROR, "select error!\n");
         return LP_ERR_QUERY;
@@ -132,8 +137,10 @@ int setTimeOut(int fd, unsigned int ms)
     return 0;
 }
 
-int send_arp_frame(t_arp_detect *slot, const uint8_t (&frame)[ARP_FRAME_LEN])
+int send_arp_frame(t_arp_detect *slot, const uint8_t (&frame)[ARP_FRAME_LEN], const char *op)
 {
+    // Nothing leaves after a stop was requested.
+    term_act_if_requested();
     // Out of the slot's port when it has one, else out of the run's interface.
     struct sockaddr_ll to;
     memset(&to, 0, sizeof(to));
@@ -142,8 +149,8 @@ int send_arp_frame(t_arp_detect *slot, const uint8_t (&frame)[ARP_FRAME_LEN])
                                : arp_detect_handle.ifindex;
     if (sendto(slot->ufd.fd, frame, sizeof(frame), 0, reinterpret_cast<struct sockaddr *>(&to),
                sizeof(to)) < 0) {
-        LOG_MSG(LOG_LEVEL_ERROR, "Error while sending arp socket to %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                ip_text(slot->target_ip).text, MAC_ARGS(slot->target_mac));
+        LOG_MSG_AS(op, LOG_LEVEL_ERROR, "Error while sending arp socket to %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
+                   ip_text(slot->target_ip).text, MAC_ARGS(slot->target_mac));
         close(slot->ufd.fd);
         slot->ufd.fd = -1;
         return LP_ERR_SEND;
@@ -168,7 +175,7 @@ int send_arp_unicast_packet_blocked(t_arp_detect *slot)
 
     if (setTimeOut(slot->ufd.fd, ARP_SEND_WAIT_MS) != 0)
         return LP_ERR_SEND;
-    return send_arp_frame(slot, frame);
+    return send_arp_frame(slot, frame, __func__);
 }
 
 void release_arp_detect_handle(t_arp_detect_handle *handle)

@@ -71,7 +71,8 @@ void build_arp_request(uint8_t (&frame)[ARP_FRAME_LEN], const uint8_t *eth_dst,
                        uint32_t target_ip);
 
 // The sender protocol address of an ARP reply, or nothing when the frame is
-// not a reply or too short to say.
+// not a reply.  Replies are read into a cleared receive buffer and judged
+// over the whole buffer: bytes a short frame did not bring read as zero.
 bool arp_reply_sender_ip(ByteView frame, uint32_t *sender_ip);
 
 bool mac_is_zero(const uint8_t *mac);
@@ -80,9 +81,10 @@ int init_arp_sockfd(t_arp_detect *slot, t_device *dev, const uint8_t *target_mac
                     uint32_t target_ip);
 int setTimeOut(int fd, unsigned int ms);
 int send_arp_unicast_packet_blocked(t_arp_detect *slot);
-// Sends a built frame from the slot's socket; a failed send is logged and
-// closes the socket (descriptor -1).  0 or -88.
-int send_arp_frame(t_arp_detect *slot, const uint8_t (&frame)[ARP_FRAME_LEN]);
+// Sends a built frame from the slot's socket for the send operation op; a
+// failed send is logged under op's name and closes the socket (descriptor
+// -1).  0 or -88.
+int send_arp_frame(t_arp_detect *slot, const uint8_t (&frame)[ARP_FRAME_LEN], const char *op);
 void release_arp_detect_handle(t_arp_detect_handle *handle);
 
 // Dotted form of an address in network byte order, by value, so that one log

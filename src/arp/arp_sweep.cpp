@@ -11,6 +11,7 @@
 #include "support/byte_view.h"
 #include "support/log.h"
 #include "support/result_codes.h"
+#include "support/term_request.h"
 
 // Sockets of the event-loop sweep stay blocking: uloop calls the handler only
 // when a frame is queued, and the handler reads one frame per call.
@@ -22,20 +23,6 @@ bool arp_same_subnet(uint32_t addr, uint32_t br_ip, uint32_t br_netmask)
 }
 
 namespace {
-
-// The first six bytes at off for printing; bytes the frame does not hold
-// print as zero.
-struct t_frame_mac {
-    uint8_t b[MAC_LEN] = {};
-};
-t_frame_mac frame_mac(ByteView frame, size_t off)
-{
-    t_frame_mac out;
-    ByteView part = frame.from(off);
-    if (part.size() > 0)
-        part.copy(0, out.b, part.size() < MAC_LEN ? part.size() : MAC_LEN);
-    return out;
-}
 
 void forget_slot_target(t_arp_detect &slot)
 {
@@ -52,30 +39,31 @@ void close_slot(t_arp_detect &slot)
 
 // A reply from the expected host whose address is not the one asked for is
 // still an answer; it only costs the entry its place when the new address is
-// outside br-lan's subnet.
-void apply_subnet_rule(const t_arp_detect &slot, uint32_t sender_ip)
+// outside br-lan's subnet.  Logged under the reading operation's name (op).
+void apply_subnet_rule(const t_arp_detect &slot, uint32_t sender_ip, const char *op)
 {
     if (!arp_same_subnet(sender_ip, arp_detect_handle.br_ip, arp_detect_handle.br_netmask)) {
-        LOG_MSG(LOG_LEVEL_INFO,
-                "arp reply new is not same subnet with br-lan! remove it from arp hash table!\n");
+        LOG_MSG_AS(op, LOG_LEVEL_INFO,
+                   "arp reply new is not same subnet with br-lan! remove it from arp hash table!\n");
         if (arp_detect_handle.arp_table)
             remove_arp_entry(arp_detect_handle.arp_table, slot.target_mac);
     } else {
-        LOG_MSG(LOG_LEVEL_DEBUG, "arp reply new ip still remains same subnet with br-lan!\n");
+        LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "arp reply new ip still remains same subnet with br-lan!\n");
     }
 }
 
-// Steps shared by both sweep forms: checks, a fresh run, one slot per entry,
-// one request per slot.
-int start_sweep(bool blocking, t_arp_entry **arp_table, uint32_t br_ip, uint32_t br_netmask,
-                const uint8_t *br_mac, int ifindex)
+// The set-up and sends both sweep forms share, logged under the name of the
+// form that runs them (op): checks, a fresh run, one slot per entry, one
+// request per slot.
+int start_sweep(const char *op, bool blocking, t_arp_entry **arp_table, uint32_t br_ip,
+                uint32_t br_netmask, const uint8_t *br_mac, int ifindex)
 {
     if (!arp_table || !*arp_table || br_ip == 0 || br_netmask == 0 || !br_mac) {
-        LOG_MSG(LOG_LEVEL_ERROR, "invalid parameters! Send failed!\n");
+        LOG_MSG_AS(op, LOG_LEVEL_ERROR, "invalid parameters! Send failed!\n");
         return LP_ERR_INVALID;
     }
     if (arp_detect_handle.arp_detect_array) {
-        LOG_MSG(LOG_LEVEL_NOTICE, "Last time handle not release, release it before resend!\n");
+        LOG_MSG_AS(op, LOG_LEVEL_NOTICE, "Last time handle not release, release it before resend!\n");
         release_arp_detect_handle(&arp_detect_handle);
     }
 
@@ -83,13 +71,13 @@ int start_sweep(bool blocking, t_arp_entry **arp_table, uint32_t br_ip, uint32_t
     // and of a bigger one only the first (count mod 256) entries get a slot.
     arp_detect_handle.arp_num = static_cast<uint8_t>(get_arp_entry_count(*arp_table));
     if (arp_detect_handle.arp_num == 0) {
-        LOG_MSG(LOG_LEVEL_ERROR, "No arp entry in arp_table_hashmap_head!\n");
+        LOG_MSG_AS(op, LOG_LEVEL_ERROR, "No arp entry in arp_table_hashmap_head!\n");
         return LP_ERR_INVALID;
     }
     arp_detect_handle.arp_detect_array =
         static_cast<t_arp_detect *>(calloc(arp_detect_handle.arp_num, sizeof(t_arp_detect)));
     if (!arp_detect_handle.arp_detect_array) {
-        LOG_MSG(LOG_LEVEL_ERROR, "Failed to malloc %d t_arp_detect struct\n",
+        LOG_MSG_AS(op, LOG_LEVEL_ERROR, "Failed to malloc %d t_arp_detect struct\n",
                 arp_detect_handle.arp_num);
         arp_detect_handle.arp_num = 0;
         return LP_ERR_NOMEM;
@@ -105,29 +93,29 @@ int start_sweep(bool blocking, t_arp_entry **arp_table, uint32_t br_ip, uint32_t
          e = static_cast<t_arp_entry *>(e->hh.next), i++) {
         t_arp_detect &slot = arp_detect_handle.arp_detect_array[i];
         if (init_arp_sockfd(&slot, nullptr, e->mac, e->ip) != 0) {
-            LOG_MSG(LOG_LEVEL_ERROR, "Failed to init ARP socket for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
+            LOG_MSG_AS(op, LOG_LEVEL_ERROR, "Failed to init ARP socket for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
                     ip_text(e->ip).text, MAC_ARGS(e->mac));
             forget_slot_target(slot);
             continue;
         }
         if (blocking)
             memcpy(slot.src_mac, br_mac, MAC_LEN);
-        LOG_MSG(LOG_LEVEL_DEBUG,
+        LOG_MSG_AS(op, LOG_LEVEL_DEBUG,
                 "Arp packet sockfd init success in for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
                 ip_text(e->ip).text, MAC_ARGS(e->mac));
     }
 
     for (i = 0; i < arp_detect_handle.arp_num; i++) {
         t_arp_detect &slot = arp_detect_handle.arp_detect_array[i];
-        LOG_MSG(LOG_LEVEL_DEBUG, "Ready to send Arp packet for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
+        LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "Ready to send Arp packet for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
                 ip_text(slot.target_ip).text, MAC_ARGS(slot.target_mac));
         int rc = blocking ? send_arp_unicast_packet_blocked(&slot) : send_arp_unicast_packet(&slot);
         if (rc != 0) {
-            LOG_MSG(LOG_LEVEL_ERROR, "Failed to send ARP socket for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
+            LOG_MSG_AS(op, LOG_LEVEL_ERROR, "Failed to send ARP socket for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
                     ip_text(slot.target_ip).text, MAC_ARGS(slot.target_mac));
             forget_slot_target(slot);
         } else {
-            LOG_MSG(LOG_LEVEL_DEBUG, "Send Arp packet success for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
+            LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "Send Arp packet success for: %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
                     ip_text(slot.target_ip).text, MAC_ARGS(slot.target_mac));
         }
     }
@@ -140,7 +128,7 @@ int send_arp_packet_all(t_arp_entry **arp_table, uint32_t br_ip, uint32_t br_net
                         const uint8_t *br_mac, int ifindex)
 {
     LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: send_arp_packet_all!\n");
-    return start_sweep(false, arp_table, br_ip, br_netmask, br_mac, ifindex);
+    return start_sweep(__func__, false, arp_table, br_ip, br_netmask, br_mac, ifindex);
 }
 
 int send_arp_unicast_packet(t_arp_detect *slot)
@@ -157,7 +145,7 @@ int send_arp_unicast_packet(t_arp_detect *slot)
                       slot->target_mac, slot->target_ip);
 
     uloop_fd_delete(&slot->ufd);
-    int rc = send_arp_frame(slot, frame);
+    int rc = send_arp_frame(slot, frame, __func__);
     if (rc != 0)
         return rc;
     uloop_fd_add(&slot->ufd, ARP_SWEEP_FD_FLAGS);
@@ -182,18 +170,20 @@ void recv_arp_packet(struct uloop_fd *u, unsigned int events)
                 MAC_ARGS(slot->target_mac));
         return;
     }
-    ByteView frame(buf, static_cast<size_t>(n));
+    // Judged over the whole cleared buffer: bytes a short frame did not
+    // bring read as zero.
+    const ByteView frame(buf, sizeof(buf));
 
     if (!frame.equals(ARP_OFF_ETH_SRC, slot->target_mac, MAC_LEN)) {
         LOG_MSG(LOG_LEVEL_ERROR,
                 "Not match eth header:%02X-%02X-%02X-%02X-%02X-%02X|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                MAC_ARGS(frame_mac(frame, ARP_OFF_ETH_SRC).b), MAC_ARGS(slot->target_mac));
+                MAC_ARGS(buf + ARP_OFF_ETH_SRC), MAC_ARGS(slot->target_mac));
         return;
     }
     if (!frame.equals(ARP_OFF_SHA, slot->target_mac, MAC_LEN)) {
         LOG_MSG(LOG_LEVEL_ERROR,
                 "Not match arp packet mac:%02X-%02X-%02X-%02X-%02X-%02X|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                MAC_ARGS(frame_mac(frame, ARP_OFF_SHA).b), MAC_ARGS(slot->target_mac));
+                MAC_ARGS(buf + ARP_OFF_SHA), MAC_ARGS(slot->target_mac));
         return;
     }
     uint32_t sender_ip = 0;
@@ -204,11 +194,11 @@ void recv_arp_packet(struct uloop_fd *u, unsigned int events)
 
     if (sender_ip == slot->target_ip) {
         LOG_MSG(LOG_LEVEL_DEBUG, "arp reply success in %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                ip_text(sender_ip).text, MAC_ARGS(frame_mac(frame, ARP_OFF_SHA).b));
+                ip_text(sender_ip).text, MAC_ARGS(buf + ARP_OFF_SHA));
     } else {
         LOG_MSG(LOG_LEVEL_INFO, "arp reply receieve a different ip:%s, orig:%s\n",
                 ip_text(sender_ip).text, ip_text(slot->target_ip).text);
-        apply_subnet_rule(*slot, sender_ip);
+        apply_subnet_rule(*slot, sender_ip, __func__);
     }
     slot->replied = 1;
     close_slot(*slot);
@@ -264,13 +254,14 @@ int double_check_arp_packet_all_blocked(t_arp_entry **arp_table, uint32_t br_ip,
                                         uint32_t br_netmask, const uint8_t *br_mac, int ifindex)
 {
     LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: double_check_arp_packet_all_blocked!\n");
-    int rc = start_sweep(true, arp_table, br_ip, br_netmask, br_mac, ifindex);
+    int rc = start_sweep(__func__, true, arp_table, br_ip, br_netmask, br_mac, ifindex);
     if (rc != 0)
         return rc;
 
-    usleep(ARP_REPLY_PAUSE_MS * 1000);
+    term_pause_ms(ARP_REPLY_PAUSE_MS);
 
     uint8_t buf[ARP_RECV_BUF_LEN];
+    const ByteView frame(buf, sizeof(buf));
     for (unsigned i = 0; i < arp_detect_handle.arp_num; i++) {
         t_arp_detect &slot = arp_detect_handle.arp_detect_array[i];
         memset(buf, 0, sizeof(buf));
@@ -282,17 +273,16 @@ int double_check_arp_packet_all_blocked(t_arp_entry **arp_table, uint32_t br_ip,
             ssize_t n = recvfrom(slot.ufd.fd, buf, sizeof(buf), MSG_DONTWAIT, nullptr, nullptr);
             if (n <= 0)
                 break;
-            ByteView frame(buf, static_cast<size_t>(n));
             if (!frame.equals(ARP_OFF_ETH_SRC, slot.target_mac, MAC_LEN)) {
                 LOG_MSG(LOG_LEVEL_INFO,
                         "Not match eth header:%02X-%02X-%02X-%02X-%02X-%02X|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                        MAC_ARGS(frame_mac(frame, ARP_OFF_ETH_SRC).b), MAC_ARGS(slot.target_mac));
+                        MAC_ARGS(buf + ARP_OFF_ETH_SRC), MAC_ARGS(slot.target_mac));
                 continue;
             }
             if (!frame.equals(ARP_OFF_SHA, slot.target_mac, MAC_LEN)) {
                 LOG_MSG(LOG_LEVEL_ERROR,
                         "Not match arp packet mac:%02X-%02X-%02X-%02X-%02X-%02X|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                        MAC_ARGS(frame_mac(frame, ARP_OFF_SHA).b), MAC_ARGS(slot.target_mac));
+                        MAC_ARGS(buf + ARP_OFF_SHA), MAC_ARGS(slot.target_mac));
                 continue;
             }
             uint32_t sender_ip = 0;
@@ -305,10 +295,10 @@ int double_check_arp_packet_all_blocked(t_arp_entry **arp_table, uint32_t br_ip,
                         ip_text(sender_ip).text);
                 LOG_MSG(LOG_LEVEL_INFO, "arp reply receieve a different ip, orig:%s\n",
                         ip_text(slot.target_ip).text);
-                apply_subnet_rule(slot, sender_ip);
+                apply_subnet_rule(slot, sender_ip, __func__);
             } else {
                 LOG_MSG(LOG_LEVEL_DEBUG, "arp reply success in %s|%02X-%02X-%02X-%02X-%02X-%02X\n",
-                        ip_text(sender_ip).text, MAC_ARGS(frame_mac(frame, ARP_OFF_SHA).b));
+                        ip_text(sender_ip).text, MAC_ARGS(buf + ARP_OFF_SHA));
             }
             slot.replied = 1;
             close_slot(slot);

@@ -79,12 +79,13 @@ bool has_eth_prefix(const char *name)
     return strncmp(name, "eth", 3) == 0;
 }
 
-// Bridge port number of one port, -1 when the kernel would not tell it.
-int read_port_no(const char *port_dir, const char *port_name)
+// Bridge port number of one port, -1 when the kernel would not tell it; the
+// walk that asks (op) logs the number.
+int read_port_no(const char *port_dir, const char *port_name, const char *op)
 {
     int port_no = fetch_int(port_dir, "port_no");
     if (port_no >= 0) {
-        LOG_MSG(LOG_LEVEL_DEBUG, "success get dev:%s index:%d\n", port_name, port_no);
+        LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "success get dev:%s index:%d\n", port_name, port_no);
         return port_no;
     }
     return -1;
@@ -128,7 +129,7 @@ int br_foreach_port(const char *brname, br_port_cb cb, void *arg)
         }
         memset(path, 0, sizeof(path));
         snprintf(path, sizeof(path), "%s%s/brif/%s", SYSFS_NET, brname, name);
-        int port_no = read_port_no(path, name);
+        int port_no = read_port_no(path, name, __func__);
         cb(name, port_no, i + 1, arg);
         count++;
     }
@@ -179,7 +180,7 @@ int old_foreach_port(const char *brname, br_port_cb cb, void *arg)
         }
         char path[BR_PATH_LEN];
         snprintf(path, sizeof(path), "%s%s/brif/%s", SYSFS_NET, brname, ifname);
-        int port_no = read_port_no(path, ifname);
+        int port_no = read_port_no(path, ifname, __func__);
         if (count >= MAX_BR_PORTS) {
             LOG_MSG(LOG_LEVEL_ERROR, "Parse lan device number more than %d!\n", MAX_BR_PORTS);
             break;

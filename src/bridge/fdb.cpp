@@ -12,6 +12,7 @@
 #include "support/fd_guard.h"
 #include "support/log.h"
 #include "support/result_codes.h"
+#include "support/term_request.h"
 
 int update_brlan_valid_dev(t_device *first)
 {
@@ -112,6 +113,9 @@ int br_get_fdb(const char *brname, t_fdb_entry **fdb, int *capacity, int sock)
 
 int read_fdb_chunk(const char *brname, t_fdb_entry *dst, unsigned long offset, int num, int sock)
 {
+    // No copy is started, and none is left behind, once a stop was requested
+    // from outside: asked before the copy and after its removal.
+    term_act_if_requested();
     char cmd[FDB_COPY_CMD_LEN];
     snprintf(cmd, sizeof(cmd), FDB_COPY_CMD, brname);
     // The copy is best effort: when it did not happen the open below fails and
@@ -147,6 +151,7 @@ int read_fdb_chunk(const char *brname, t_fdb_entry *dst, unsigned long offset, i
 
     int saved = errno;
     remove(FDB_COPY_PATH);
+    term_act_if_requested();
     errno = saved;  // the caller reports the ioctl's errno, not remove's
     return result;
 }

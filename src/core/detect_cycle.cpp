@@ -1,8 +1,6 @@
-// The detection cycle: set-up, probing passes, polling and the deadline.
+// The detection cycle: probing passes, polling and the deadline (main runs
+// the set-up that arms the timers).
 #include "core/detect_cycle.h"
-
-#include <signal.h>
-#include <stdlib.h>
 
 #include <type_traits>
 
@@ -12,48 +10,19 @@
 #include "core/startup.h"
 #include "dhcp/dhcp_sweep.h"
 #include "registry/device_list.h"
-#include "registry/lan_discovery.h"
 #include "support/log.h"
+#include "support/term_request.h"
 
 static_assert(std::is_standard_layout_v<t_proto_detect_ctx>,
               "the timers are embedded and found back with container_of");
 
 t_proto_detect_ctx proto_detect_ctx;
 
-void init_detect_cycle(void)
-{
-    proto_detect_ctx.start_timer.cb = uloop_proto_detect_start;
-    proto_detect_ctx.poll_timer.cb = uloop_proto_detect_end;
-    proto_detect_ctx.finish_timer.cb = uloop_proto_detect_finish;
-    LOG_MSG(LOG_LEVEL_DEBUG, "init over\n");
-
-    if (init_all_lan_device(&lan_devices) <= 0) {
-        LOG_MSG(LOG_LEVEL_CRITICAL, "init_all_eth_device failed!\n");
-        // The SIGTERM handler cleans up and exits 0; the result file keeps
-        // its placeholder because nothing was detected.
-        mark_self_termination();
-        if (raise(SIGTERM) != 0)
-            exit(1);
-        return;
-    }
-
-    proto_detect_ctx.timeout_ms = cmd_option.time_ms != 0 ? cmd_option.time_ms : DETECT_DEFAULT_TIMEOUT_MS;
-
-    if (cmd_option.device[0] != '\0') {
-        proto_detect_ctx.specified_dev = find_device(lan_devices.dev_hashmap_head, cmd_option.device);
-        if (proto_detect_ctx.specified_dev == nullptr)
-            LOG_MSG(LOG_LEVEL_ERROR,
-                    "Device:%s doesn't existed in network.lan! Detect in all lans in default!\n",
-                    cmd_option.device);
-    }
-
-    // The deadline counts from here, after discovery, not from process start.
-    uloop_timeout_set(&proto_detect_ctx.start_timer, 0);
-    uloop_timeout_set(&proto_detect_ctx.finish_timer, DETECT_DEADLINE_MS);
-}
-
 void uloop_proto_detect_start(struct uloop_timeout *timeout)
 {
+    // A stop requested from outside (during discovery, or while this timer
+    // was due) ends the run before anything of the pass is done.
+    term_act_if_requested();
     t_proto_detect_ctx *ctx = container_of(timeout, t_proto_detect_ctx, start_timer);
     LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: uloop_proto_detect_start!\n");
 
@@ -103,6 +72,7 @@ void uloop_proto_detect_start(struct uloop_timeout *timeout)
 
 void uloop_proto_detect_end(struct uloop_timeout *timeout)
 {
+    term_act_if_requested();
     t_proto_detect_ctx *ctx = container_of(timeout, t_proto_detect_ctx, poll_timer);
     LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: uloop_proto_detect_end!\n");
 
@@ -132,6 +102,7 @@ void uloop_proto_detect_end(struct uloop_timeout *timeout)
 
 void uloop_proto_detect_finish(struct uloop_timeout *)
 {
+    term_act_if_requested();
     int rc = process_dhcp_discovery_all(1);
     if (rc < 0)
         LOG_MSG(LOG_LEVEL_ERROR, "Error receiving dhcp discovery packet\n");

@@ -26,9 +26,6 @@ struct t_proto_detect_ctx {
 
 extern t_proto_detect_ctx proto_detect_ctx;
 
-// The set-up that main runs between uloop_init and uloop_run.
-void init_detect_cycle(void);
-
 void uloop_proto_detect_start(struct uloop_timeout *timeout);
 void uloop_proto_detect_end(struct uloop_timeout *timeout);
 void uloop_proto_detect_finish(struct uloop_timeout *timeout);

@@ -17,6 +17,7 @@ extern "C" {
 }
 
 #include "support/log.h"
+#include "support/term_request.h"
 
 t_cmd_option cmd_option;
 
@@ -188,58 +189,30 @@ void init_result_file(const char *path)
     fclose(fp);
 }
 
-// A SIGTERM from outside can interrupt anything: malloc, a uthash insert, the
-// json-c write of the result file.  Running free(), close() and exit() from
-// there could corrupt the heap or leave a half-written document, so such a
-// signal only sets a flag and wakes the event loop through a pipe; the loop
-// then ends the process through kill_self at a point where nothing is half
-// done.  The pipe, unlike uloop_cancelled, survives uloop_run resetting its
-// state on entry, and a signal that arrives before the loop runs (during
-// discovery) is acted on at its first pass.  Our own signals (kill_self and the
-// raise after a failed discovery) are sent from such safe points and are acted
-// on at once.
-static volatile sig_atomic_t term_from_self;
-static volatile sig_atomic_t term_pending;
-static int term_pipe[2] = {-1, -1};
+// The pipe of the stop request, watched by the event loop: an outside SIGTERM
+// that arrives while the loop waits is acted on at once.
 static struct uloop_fd term_ufd;
 
-static void on_term_pipe(struct uloop_fd *u, unsigned int)
+static void on_term_pipe(struct uloop_fd *, unsigned int)
 {
-    char buf[16];
-    while (read(u->fd, buf, sizeof(buf)) > 0) {
-    }
-    if (term_pending)
-        kill_self();
+    term_request_drain();
+    term_act_if_requested();
 }
 
 void init_term_deferral(void)
 {
-    if (term_pipe[0] < 0 && pipe2(term_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
-        term_pipe[0] = term_pipe[1] = -1;
-        return;  // without the pipe every SIGTERM is handled at once
-    }
-    term_ufd.fd = term_pipe[0];
+    term_ufd.fd = term_request_fd();
     term_ufd.cb = on_term_pipe;
-    if (uloop_fd_add(&term_ufd, ULOOP_READ) != 0) {
-        close(term_pipe[0]);
-        close(term_pipe[1]);
-        term_pipe[0] = term_pipe[1] = -1;
-    }
+    if (term_ufd.fd >= 0 && uloop_fd_add(&term_ufd, ULOOP_READ) != 0)
+        term_ufd.fd = -1;
 }
 
 static void release_term_deferral(void)
 {
-    if (term_pipe[0] < 0)
-        return;
-    uloop_fd_delete(&term_ufd);
-    close(term_pipe[0]);
-    close(term_pipe[1]);
-    term_pipe[0] = term_pipe[1] = -1;
-}
-
-void mark_self_termination(void)
-{
-    term_from_self = 1;
+    if (term_ufd.fd >= 0)
+        uloop_fd_delete(&term_ufd);
+    term_ufd.fd = -1;
+    term_request_close();
 }
 
 void release_all_resource(void)
@@ -251,14 +224,15 @@ void release_all_resource(void)
     log_done();
 }
 
+// Our own SIGTERM (kill_self, the raise after a failed discovery, or the
+// daemon acting on a stop request) is sent from a point where nothing is half
+// done, and the cleanup runs here at once.  A SIGTERM from outside may arrive
+// anywhere: it is only noted, async-signal-safely, and acted on by the daemon
+// (see support/term_request.h).
 void signal_kill(int sig)
 {
-    if (!term_from_self && term_pipe[1] >= 0) {
-        int saved = errno;
-        term_pending = 1;
-        ssize_t n = write(term_pipe[1], "T", 1);
-        (void)n;  // a full pipe already holds a wake-up
-        errno = saved;
+    if (!term_is_own()) {
+        term_request_note();
         return;
     }
     LOG_MSG(LOG_LEVEL_ERROR, "[lanprobe(pid:%d)] receive signal:%d, exit\n", static_cast<int>(getpid()),
@@ -269,13 +243,15 @@ void signal_kill(int sig)
 
 void init_signal(void)
 {
-    // Installed before uloop_init, so uloop leaves SIGTERM to us and keeps only
-    // SIGINT for ending its loop.
+    // The pipe exists before the handler can run.  Installed before
+    // uloop_init, so uloop leaves SIGTERM to us and keeps only SIGINT for
+    // ending its loop.
+    term_request_init();
     signal(SIGTERM, signal_kill);
 }
 
 void kill_self(void)
 {
-    mark_self_termination();
+    term_mark_own();
     kill(getpid(), SIGTERM);
 }

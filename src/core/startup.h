@@ -53,11 +53,8 @@ void init_result_file(const char *path);
 void init_signal(void);
 void signal_kill(int sig);
 void kill_self(void);
-// Lets an outside SIGTERM be acted on from the event loop (call after
-// uloop_init); our own signals are still acted on at once.
+// Lets the event loop wake up for an outside SIGTERM (call after uloop_init).
 void init_term_deferral(void);
-// Marks the next SIGTERM as our own (kill_self does it; so must raise()).
-void mark_self_termination(void);
 void release_all_resource(void);
 
 #endif

@@ -49,9 +49,10 @@ static const char *ctx_name(const lanprobe_ctx *ctx)
     return ctx->dev ? ctx->dev->name : "";
 }
 
-// Takes the gateway and the first DNS server. Options are handled in the
-// order they appear, so of two equal options the later one wins.
-static void parse_offer_options(lanprobe_ctx *ctx, ByteView msg)
+// The option walk of the read handler (logged under its name, op): takes the
+// gateway and the first DNS server. Options are handled in the order they
+// appear, so of two equal options the later one wins.
+static void parse_offer_options(lanprobe_ctx *ctx, ByteView msg, const char *op)
 {
     size_t offset = 0;
     while (std::optional<t_dhcp_option> opt = next_dhcp_option(msg, &offset)) {
@@ -60,11 +61,11 @@ static void parse_offer_options(lanprobe_ctx *ctx, ByteView msg)
             // A list of two or more routers is passed over.
             ctx->offer.gateway_ip = option_ipv4(opt->value.data());
             addr.s_addr = ctx->offer.gateway_ip;
-            LOG_MSG(LOG_LEVEL_DEBUG, "dev:%s, GATEWAY=%s\n", ctx_name(ctx), inet_ntoa(addr));
+            LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "dev:%s, GATEWAY=%s\n", ctx_name(ctx), inet_ntoa(addr));
         } else if (opt->code == DHCP_OPT_DNS && opt->len != 0 && opt->len % 4 == 0) {
             ctx->offer.dns_ip = option_ipv4(opt->value.data());
             addr.s_addr = ctx->offer.dns_ip;
-            LOG_MSG(LOG_LEVEL_DEBUG, "dev:%s, DNS_SERVER=%s\n", ctx_name(ctx), inet_ntoa(addr));
+            LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "dev:%s, DNS_SERVER=%s\n", ctx_name(ctx), inet_ntoa(addr));
         }
     }
 }
@@ -137,7 +138,7 @@ void recv_dhcp_discovery_packet(struct uloop_fd *ufd, unsigned int events)
         return;
     }
 
-    parse_offer_options(ctx, msg);
+    parse_offer_options(ctx, msg, __func__);
 
     ctx->offered = 1;
     close_probe_socket(ctx);

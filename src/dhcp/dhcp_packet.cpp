@@ -13,6 +13,7 @@
 #include "support/if_query.h"
 #include "support/log.h"
 #include "support/result_codes.h"
+#include "support/term_request.h"
 
 t_lanprobe_handle lanprobe_handle;
 
@@ -127,6 +128,8 @@ int send_dhcp_discovery_packet(lanprobe_ctx *ctx)
 
     uloop_fd_delete(&ctx->ufd);
 
+    // Nothing leaves after a stop was requested from outside.
+    term_act_if_requested();
     if (sendto(ctx->ufd.fd, frame, static_cast<size_t>(frame_len), 0,
                reinterpret_cast<struct sockaddr *>(&sll), sizeof(sll)) < 0) {
         LOG_MSG(LOG_LEVEL_ERROR, "Error while writing to dhcp request socket, using device:%s\n",

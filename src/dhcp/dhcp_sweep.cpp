@@ -139,17 +139,18 @@ int send_dhcp_discovery_all(t_device_list_head *dev_list)
     return 0;
 }
 
-static void log_device_offer(const t_device *dev)
+// The findings just copied into a record, logged by the conclusion (op).
+static void log_device_offer(const t_device *dev, const char *op)
 {
     struct in_addr addr;
     const uint8_t *m = dev->offer.mac;
     addr.s_addr = dev->offer.pre_assigned_ip;
-    LOG_MSG(LOG_LEVEL_DEBUG, "dev:%s, IPADDR=%s, MAC=%02X-%02X-%02X-%02X-%02X-%02X\n", dev->name,
-            inet_ntoa(addr), m[0], m[1], m[2], m[3], m[4], m[5]);
+    LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "dev:%s, IPADDR=%s, MAC=%02X-%02X-%02X-%02X-%02X-%02X\n",
+               dev->name, inet_ntoa(addr), m[0], m[1], m[2], m[3], m[4], m[5]);
     addr.s_addr = dev->offer.gateway_ip;
-    LOG_MSG(LOG_LEVEL_DEBUG, "dev:%s, GATEWAY=%s\n", dev->name, inet_ntoa(addr));
+    LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "dev:%s, GATEWAY=%s\n", dev->name, inet_ntoa(addr));
     addr.s_addr = dev->offer.dns_ip;
-    LOG_MSG(LOG_LEVEL_DEBUG, "dev:%s, DNS_SERVER=%s\n", dev->name, inet_ntoa(addr));
+    LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "dev:%s, DNS_SERVER=%s\n", dev->name, inet_ntoa(addr));
 }
 
 static bool all_offered(const t_lanprobe_handle *handle)
@@ -188,7 +189,7 @@ int process_dhcp_discovery_all(uint8_t timed_out)
             LOG_MSG(LOG_LEVEL_INFO, "dev:%s detect dhcp Service!\n", ctx->dev->name);
             // Copied whole: what this OFFER did not give becomes 0 in the record.
             ctx->dev->offer = ctx->offer;
-            log_device_offer(ctx->dev);
+            log_device_offer(ctx->dev, __func__);
         } else {
             LOG_MSG(LOG_LEVEL_DEBUG, "No dhcp Service detect in dev:%s yet!\n", ctx->dev->name);
         }

@@ -90,11 +90,8 @@ int copy_list(t_device_list_head *dst, t_device_list_head *src)
         tail = tail->next;
     for (t_device_list *node = src->list.next; node != nullptr; node = node->next) {
         auto *copy = static_cast<t_device_list *>(malloc(sizeof(t_device_list)));
-        if (copy == nullptr) {
-            LOG_MSG(LOG_LEVEL_ERROR, "malloc new t_device_list for dev:%s failed!\n",
-                    node->dev ? node->dev->name : "");
+        if (copy == nullptr)
             return LP_ERR_NOMEM;
-        }
         copy->dev = node->dev;
         copy->prev = tail;
         copy->next = nullptr;

@@ -184,10 +184,9 @@ int _uci_get_value(const char *p_uci_str, char *p_value)
 int _uci_set_value(struct uci_context **ctx, const char *package, const char *section, const char *option,
                    const char *value)
 {
-    if (!ctx || !package || !section || !option || !value) {
-        LOG_MSG(LOG_LEVEL_ERROR, "invalid parameter\n");
+    // Only the delete and list calls report missing arguments in words.
+    if (!ctx || !package || !section || !option || !value)
         return -1;
-    }
     LOG_MSG(LOG_LEVEL_INFO, "p_uci_str:%s.%s.%s, p_value:%s\n", package, section, option, value);
     if (!*ctx)
         *ctx = uci_ctx_init(UCI_ACCESS_CONFDIR);

@@ -11,7 +11,7 @@
 
 #include "fuzz/fuzz_env.h"
 #include "registry/device_table.h"
-#include "registry/lan_discovery.h"
+#include "core/lan_discovery.h"
 #include "support/uci_access.h"
 
 namespace {

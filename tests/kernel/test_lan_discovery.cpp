@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "registry/device_table.h"
-#include "registry/lan_discovery.h"
+#include "core/lan_discovery.h"
 #include "support/log.h"
 #include "support/netns.h"
 #include "support/result_codes.h"

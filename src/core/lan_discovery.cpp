@@ -1,5 +1,5 @@
 // LAN interface discovery.
-#include "registry/lan_discovery.h"
+#include "core/lan_discovery.h"
 
 #include <errno.h>
 #include <limits.h>

@@ -1,0 +1,99 @@
+#include "support/term_request.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace {
+
+volatile sig_atomic_t g_requested;
+volatile sig_atomic_t g_own;
+int g_pipe[2] = {-1, -1};
+
+long now_ms()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+}
+
+}  // namespace
+
+void term_request_init(void)
+{
+    if (g_pipe[0] < 0 && pipe2(g_pipe, O_NONBLOCK | O_CLOEXEC) != 0)
+        g_pipe[0] = g_pipe[1] = -1;
+}
+
+void term_request_note(void)
+{
+    int saved = errno;
+    g_requested = 1;
+    if (g_pipe[1] >= 0) {
+        ssize_t n = write(g_pipe[1], "T", 1);
+        (void)n;  // a full pipe already holds a wake-up
+    }
+    errno = saved;
+}
+
+bool term_requested(void)
+{
+    return g_requested != 0;
+}
+
+int term_request_fd(void)
+{
+    return g_pipe[0];
+}
+
+void term_request_drain(void)
+{
+    char buf[16];
+    while (g_pipe[0] >= 0 && read(g_pipe[0], buf, sizeof(buf)) > 0) {
+    }
+}
+
+void term_request_close(void)
+{
+    for (int &fd : g_pipe) {
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
+    }
+}
+
+void term_mark_own(void)
+{
+    g_own = 1;
+}
+
+bool term_is_own(void)
+{
+    return g_own != 0;
+}
+
+void term_act_if_requested(void)
+{
+    if (!g_requested)
+        return;
+    term_mark_own();
+    raise(SIGTERM);
+}
+
+void term_pause_ms(unsigned int ms)
+{
+    // poll() on the pipe alone is a sleep that a stop request cuts short;
+    // other signals (SIGCHLD, SIGINT of the loop) only shorten one round.
+    long end = now_ms() + static_cast<long>(ms);
+    for (;;) {
+        term_act_if_requested();
+        long left = end - now_ms();
+        if (left <= 0)
+            return;
+        struct pollfd pfd = {g_pipe[0], POLLIN, 0};
+        poll(&pfd, 1, static_cast<int>(left));
+    }
+}
