@@ -194,7 +194,10 @@ int old_foreach_port(const char *brname, br_port_cb cb, void *arg)
 FILE *open_attr_file(const char *dir, const char *name)
 {
     char path[BR_PATH_LEN];
-    snprintf(path, sizeof(path), "%s/%s", dir, name);
+    // A longer path is cut to the buffer, like every path built here; cut, it
+    // names no attribute file and the open fails.
+    if (snprintf(path, sizeof(path), "%s/%s", dir, name) >= static_cast<int>(sizeof(path)))
+        path[sizeof(path) - 1] = '\0';
     return fopen(path, "r");
 }
 
