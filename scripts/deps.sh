@@ -4,7 +4,7 @@ set -eu
 export DEBIAN_FRONTEND=noninteractive
 PKGS="build-essential cmake pkg-config git libjson-c-dev uthash-dev libgtest-dev googletest
       clang libclang-rt-14-dev valgrind strace iproute2 util-linux procps psmisc tcpdump
-      dnsmasq-base busybox isc-dhcp-server kea-dhcp4-server python3 python3-scapy"
+      dnsmasq-base busybox isc-dhcp-server kea-dhcp4-server python3"
 missing=""
 for p in $PKGS; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -12,7 +12,7 @@
 #
 # KIND: dnsmasq | udhcpd | dhcpd | kea | silent | empty | owner | responder:MODE
 #   owner     a host that also holds 192.168.1.1 (and answers ARP for it), serving with dnsmasq
-#   responder a scapy responder sending crafted OFFERs (see responder.py for the modes)
+#   responder a host sending crafted OFFERs (see tests/lab/hosts.py for the modes)
 # up options:
 #   --no-switch   leave out /etc/config/switch
 #   --detached    do not enslave the eth ports to br-lan (ports come from network.lan.ifname)
@@ -29,7 +29,7 @@ set -eu
 
 LAB_DIR=$(cd "$(dirname "$0")" && pwd)
 TOP=$(cd "$LAB_DIR/../.." && pwd)
-PY=${LAB_PYTHON:-/usr/bin/python3}       # the system python carries scapy
+PY=${LAB_PYTHON:-/usr/bin/python3}
 BR_MAC=02:1a:00:00:00:01
 BR_IP=192.168.1.1
 
@@ -173,11 +173,9 @@ EOF
 
 start_responder() {
     local ns=$1 d=$2 n=$3 mode=$4
-    spawn "responder-eth$n" "$ns" "$PY" "$LAB_DIR/responder.py" --iface veth0 --mode "$mode" \
+    spawn "responder-eth$n" "$ns" "$PY" "$TOP/tests/lab/hosts.py" respond --iface veth0 --mode "$mode" \
         --ip "$(host_ip "$n")" --pool "$(pool_lo "$n")" --dns "$(dns_ip "$n")" \
         --br-mac "$BR_MAC" --events "$d/responder.events" --ready "$d/responder.ready"
-    # scapy takes a few seconds to start: responders start side by side and
-    # wait_ready waits for all of them.
     echo "$(last_pid) $d/responder.ready eth$n" >> "$STATE/pending"
 }
 

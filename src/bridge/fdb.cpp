@@ -14,22 +14,8 @@
 #include "support/result_codes.h"
 #include "support/term_request.h"
 
-int update_brlan_valid_dev(t_device *first)
+void mark_connected_ports(t_device *first, const t_fdb_entry *fdb, int count, const char *op)
 {
-    LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: update_brlan_valid_dev!\n");
-
-    // Cleared before the read, so a failed read leaves no port selected.
-    for (t_device *dev = first; dev; dev = static_cast<t_device *>(dev->hh.next))
-        dev->connected = 0;
-
-    t_fdb_entry *fdb = nullptr;
-    int count = get_bridge_table(FDB_BRIDGE_NAME, &fdb);
-    if (count <= 0) {
-        LOG_MSG(LOG_LEVEL_ERROR, "Failed to get fdb table!\n");
-        free(fdb);
-        return LP_ERR_FDB;
-    }
-
     for (int i = 0; i < count; i++) {
         const t_fdb_entry &entry = fdb[i];
         if (entry.is_local)
@@ -46,20 +32,35 @@ int update_brlan_valid_dev(t_device *first)
             }
         }
         if (!match) {
-            LOG_MSG(LOG_LEVEL_DEBUG, "No device index(%d) match in device hashmap!\n",
-                    entry.port_no);
+            LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "No device index(%d) match in device hashmap!\n", entry.port_no);
         } else if (match->connected) {
-            LOG_MSG(LOG_LEVEL_DEBUG,
-                    "device:%s already has devices connected (via fdb table)!\n", match->name);
+            LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "device:%s already has devices connected (via fdb table)!\n",
+                       match->name);
         } else {
             match->connected = 1;
-            LOG_MSG(LOG_LEVEL_DEBUG,
-                    "find device mac:%02X-%02X-%02X-%02X-%02X-%02X connected in dev:%s!\n",
-                    entry.mac_addr[0], entry.mac_addr[1], entry.mac_addr[2], entry.mac_addr[3],
-                    entry.mac_addr[4], entry.mac_addr[5], match->name);
+            LOG_MSG_AS(op, LOG_LEVEL_DEBUG, "find device mac:%02X-%02X-%02X-%02X-%02X-%02X connected in dev:%s!\n",
+                       entry.mac_addr[0], entry.mac_addr[1], entry.mac_addr[2], entry.mac_addr[3],
+                       entry.mac_addr[4], entry.mac_addr[5], match->name);
         }
     }
+}
 
+int update_brlan_valid_dev(t_device *first)
+{
+    LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: update_brlan_valid_dev!\n");
+
+    // Cleared before the read, so a failed read leaves no port selected.
+    for (t_device *dev = first; dev; dev = static_cast<t_device *>(dev->hh.next))
+        dev->connected = 0;
+
+    t_fdb_entry *fdb = nullptr;
+    int count = get_bridge_table(FDB_BRIDGE_NAME, &fdb);
+    if (count <= 0) {
+        LOG_MSG(LOG_LEVEL_ERROR, "Failed to get fdb table!\n");
+        free(fdb);
+        return LP_ERR_FDB;
+    }
+    mark_connected_ports(first, fdb, count, __func__);
     free(fdb);
     return 0;
 }

@@ -46,6 +46,11 @@ static_assert(offsetof(t_fdb_entry, unused) == 14, "unused at 14");
 // 0, or -83 when the database could not be read or was empty.
 int update_brlan_valid_dev(t_device *first);
 
+// The selection itself, for update_brlan_valid_dev (op, whose name its lines
+// carry): sets connected on the first record, in table order, whose bridge
+// port number carries each learned, non-local entry.
+void mark_connected_ports(t_device *first, const t_fdb_entry *fdb, int count, const char *op);
+
 // Reads the whole database of the bridge into a new array (*fdb, the caller
 // frees it, also on failure).  Number of records, -1 on a failed read or
 // control socket, -98 when memory runs out.

@@ -9,7 +9,8 @@
 
 #include <uci.h>
 
-#include "fuzz/fuzz_env.h"
+#include "fuzz/sandbox.h"
+#include "support/testkit.h"
 #include "registry/device_table.h"
 #include "core/lan_discovery.h"
 #include "support/uci_access.h"
@@ -83,8 +84,7 @@ void load_and_lookup(const char *key)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    fuzzenv::enter_sandbox(fuzzenv::SANDBOX_ETC_CONFIG);
-    fuzzenv::quiet_log_output();
+    fuzz::enter_sandbox();
     return 0;
 }
 
@@ -102,10 +102,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const uint8_t *text = nl ? nl + 1 : data + size;
     size_t text_len = static_cast<size_t>(data + size - text);
 
-    FUZZ_CHECK(fuzzenv::write_file("/etc/config/network", text, text_len));
-    FUZZ_CHECK(fuzzenv::write_file("/etc/config/switch", text, text_len));
-    FUZZ_CHECK(fuzzenv::write_file("/tmp/fuzzpkg", text, text_len));
-    const int fds_before = fuzzenv::open_fd_count();
+    const std::string file(reinterpret_cast<const char *>(text), text_len);
+    tk::write_file("/etc/config/network", file);
+    tk::write_file("/etc/config/switch", file);
+    tk::write_file("/tmp/fuzzpkg", file);
+    const int fds_before = fuzz::open_fds();
 
     // The reading call: a value, when found, is cut to 64 characters and the
     // buffer past it is left alone.
@@ -134,6 +135,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         FUZZ_CHECK(memchr(d->label, '\0', sizeof(d->label)) != nullptr);
     release_all_device(&head);
 
-    FUZZ_CHECK(fuzzenv::open_fd_count() == fds_before);
+    FUZZ_CHECK(fuzz::open_fds() == fds_before);
     return 0;
 }

@@ -11,11 +11,11 @@
 #include <gtest/gtest.h>
 #include <uci.h>
 
-#include "support/netns.h"
+#include "support/testkit.h"
 
 namespace {
 
-using lptest::StdoutCapture;
+using Capture = tk::Capture;
 
 // A fresh configuration directory, removed with its files at the end of the scope.
 struct ConfDir {
@@ -25,10 +25,10 @@ struct ConfDir {
         char tmpl[] = "/tmp/lp_uci_XXXXXX";
         path = mkdtemp(tmpl) ? tmpl : "";
     }
-    ~ConfDir() { lptest::sh("rm -rf '" + path + "'"); }
+    ~ConfDir() { tk::sh("rm -rf '" + path + "'"); }
     void write(const std::string &name, const std::string &text) const
     {
-        ASSERT_TRUE(lptest::write_file(path + "/" + name, text));
+        tk::write_file(path + "/" + name, text);
     }
     std::string read(const std::string &name) const
     {
@@ -83,9 +83,9 @@ std::string load_text(const std::string &text)
     } else {
         EXPECT_EQ(p, nullptr) << "a failed load hands back no package";
         EXPECT_TRUE(uci_list_empty(&ctx->root)) << "a failed load adds nothing to the context";
-        StdoutCapture err(2);
+        Capture err(2);
         uci_perror(ctx, "f");
-        out = "rc " + std::to_string(rc) + ": " + err.stop();
+        out = "rc " + std::to_string(rc) + ": " + err.text();
     }
     uci_free_context(ctx);
     return out;
@@ -145,9 +145,9 @@ TEST(UciParse, MissingPackageAndSecondLoad)
     uci_set_confdir(ctx, dir.path.c_str());
     struct uci_package *p = nullptr, *again = nullptr;
     EXPECT_EQ(uci_load(ctx, "switch", &p), UCI_ERR_NOTFOUND);
-    StdoutCapture err(2);
+    Capture err(2);
     uci_perror(ctx, "switch");
-    EXPECT_EQ(err.stop(), "switch: Entry not found\n");
+    EXPECT_EQ(err.text(), "switch: Entry not found\n");
     ASSERT_EQ(uci_load(ctx, "network", &p), UCI_OK);
     EXPECT_EQ(uci_load(ctx, "network", &again), UCI_ERR_DUPLICATE);
     EXPECT_EQ(again, nullptr);
@@ -245,7 +245,7 @@ TEST_F(UciChange, SetCommitsInPlace)
     struct stat st;
     ASSERT_EQ(stat((dir_.path + "/cfg").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0644u) << "the file keeps its mode";
-    EXPECT_TRUE(lptest::sh("[ \"$(ls -A '" + dir_.path + "')\" = cfg ]")) << "no temporary file left";
+    EXPECT_TRUE(tk::sh("[ \"$(ls -A '" + dir_.path + "')\" = cfg ]")) << "no temporary file left";
 }
 
 TEST_F(UciChange, DeleteAndLists)

@@ -1,0 +1,679 @@
+#!/usr/bin/python3
+"""The daemon end to end, in the lab router (scripts/lab/lab.sh): real DHCP
+servers and crafted hosts behind its ports, and the faults a router meets.
+
+  lab.py [--bin PATH] [--runs N] [--keep] NAME...    run the named rows (all by default)
+  lab.py --list                                       the rows' names
+
+Each row brings up its own lab, runs the daemon there (N times), checks the
+whole outcome and tears the lab down.  Every run is checked for what must
+always hold: the parent exits 0 after the fork and the child exits 0 on its
+own; nothing is left in /tmp but the result (and the log); the result file
+holds the placeholder or a complete document in json-c's plain form; the
+log's last line is the end line, logged once; every log line names the
+operation it belongs to; a deadline run ends 13 s after the set-up (by the
+daemon's own clock); a timed-out pass polled until its elapsed time
+exceeded the time-out; an ARP check that got no answer made both attempts.
+A row then states its own outcome: the ports in the result, how the run
+ended, log lines, and anything more in its check.
+"""
+import argparse
+import fnmatch
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+TOP = os.path.dirname(os.path.dirname(HERE))
+LAB = os.path.join(TOP, 'scripts', 'lab', 'lab.sh')
+PY = '/usr/bin/python3'
+LINE = re.compile(r'^\[lanprobe\]\[(Critical|Error|Warning|Notice|Info|Debug)\]\[(-?\d+)\]\[(\w+):\d+\]: (.*)$')
+FOREIGN = re.compile(r'(?:switch|cp): [^\n]*\n')
+END = re.compile(r'\[lanprobe\(pid:\d+\)\] receive signal:15, exit')
+BR_MAC = '02:1A:00:00:00:01'
+
+# Which operation logs each message the lab's runs produce ("%" conversions
+# match anything).  "Entering function: X!" always belongs to X.
+OWNERS = {
+    'main': ['init over', 'init_all_eth_device failed!', "Device:%s doesn't existed in network.lan! Detect in all lans in default!"],
+    'signal_kill': ['[lanprobe(pid:%d)] receive signal:%d, exit'],
+    'uloop_proto_detect_start': ['device:%s already has dhcp_dever, skip sending arp!', 'Overall %d devices ready to sending arp!',
+                                 'find_target_ip_and_device_with_arp failed, return null!', 'Error sending dhcp discovery packet'],
+    'uloop_proto_detect_end': ['dhcp discovery packet not fully received', 'dhcp discovery packet all received offer',
+                               'Detection over beause all devices have dhcp server!', 'dhcp discovery packet timeout!',
+                               'Error receiving dhcp discovery packet'],
+    'uloop_proto_detect_finish': ['dhcp discovery packet not fully received', 'dhcp discovery packet all received offer',
+                                  'dhcp discovery packet timeout!', 'Detection over!', 'Error receiving dhcp discovery packet'],
+    'init_all_lan_device': ['Parse network devices fail!', 'get_eth_atrribute failed, or no attribute successfully parse!'],
+    'generate_lan_device': ['Parse lan devices(%d totoal) name: %s', 'Parse lan devices success, count:%d'],
+    'get_eth_atrribute': ['Unable to load uci switch!', 'Failed to get device by config switch.%s', '%s not begin with "eth"',
+                          "Can't find device %s", 'Parse network devices atrribute success, count:%d'],
+    'check_dev_already_add': ['dev_hashmap_head input is NULL!'],
+    'add_device': ['Device already existed!'],
+    'find_device': ['Invalid dev_hashmap_head input!'],
+    'add_br_device': ['Parse lan devices name: %s'],
+    'update_brlan_dev_from_sys': [" Can't get port info: %s", 'Parse lan devices success, count:%d'],
+    'br_foreach_port': ['success get dev:%s index:%d', 'Parse lan device number more than %d, Ignore others!'],
+    'old_foreach_port': ['success get dev:%s index:%d', "list ports for bridge:'%s' failed: %s", 'br_init fail: %s'],
+    'fetch_int': ['Failed to open %s/%s, not a br-lan deive'],
+    'update_brlan_valid_dev': ['Failed to get fdb table!', 'No device index(%d) match in device hashmap!',
+                               'device:%s already has devices connected (via fdb table)!',
+                               'find device mac:%02X-%02X-%02X-%02X-%02X-%02X connected in dev:%s!'],
+    'get_bridge_table': ['get br:%s, overall %d entry in fdb table', 'br_init fail: %s'],
+    'br_get_fdb': ['read of forward table failed: %s'],
+    'remove_unique_device_from_list': ['Success remove dev:%s from list!'],
+    'find_target_ip_and_device_with_arp': ["Couldn't get br-lan ip, netmask, mac!", 'Use br-lan ip:%s as arp requesting ip! ARP announcement!',
+                                           'Success get br-lan ip:%s, mac:%s', 'Failed to send arp request for each device!',
+                                           'Target ip:%s not found with arp in each device!', 'Detect %d device own same ip:%s!'],
+    'check_ip_using_arp_blocked': ['invalid parameters! Send failed!', 'Get device:%s , index=%d, hw_addr=%s',
+                                   'Arp packet sockfd init success in for: %s, bind to dev:%s',
+                                   'Ready to send Arp packet for: %s via dev:%s, retry_times:%d/%d',
+                                   'Send Arp packet success for: %s via dev:%s', 'Trying to recv Arp packet for: %s via dev:%s, retry_times:%d/%d',
+                                   'Not a arp reply packet', 'arp reply receieve a different ip:%s, Ignore!',
+                                   'arp reply receieve a different ip, orig:%s, Ignore!', 'arp reply success in dev:%s',
+                                   'No arp reply from %s via dev:%s! ', 'Failed to init ARP socket for: %s, bind to dev:%s',
+                                   'Failed to send ARP socket for: %s via dev:%s', 'Last time handle not release, release it before resend!'],
+    'init_arp_sockfd': ['Bind Arp socket into dev:%s', 'init_arp_sockfd bind to dev:%s fail!', 'Create ARP socket for %s failed!'],
+    'setTimeOut': ['select error!'],
+    'send_arp_unicast_packet_blocked': ['Skip sending arp packet due to socket error!', 'Error while sending arp socket to %s'],
+    'release_arp_detect_handle': ['arp_detect_handle not null but arp_num=0, may cause unclosed socket fd ',
+                                  'release arp_detect_handle success!'],
+    'lanprobe_for_all_devices': ['device:%s has NO device connected in, skip it!', 'device:%s already has dhcp_dever, skip it!',
+                                 'Overall %d devices ready to run dhcp detect', 'No actual device need detected, skip dhcp detect!',
+                                 'Overall %d devices Send dhcp discovery success!', 'Error sending dhcp discovery packet'],
+    'lanprobe_for_specify_device': ['device:%s ready to run dhcp detect', 'Error sending dhcp discovery packet in dev:%s'],
+    'send_dhcp_discovery_all': ['DHCP Discovery packet sockfd init success in dev:%s',
+                                'Ready to send DHCP Discovery packet via dev:%s, Transaction ID: %s',
+                                'Send DHCP Discovery packet success via dev:%s', 'Failed to send DHCP socket via dev:%s',
+                                'Failed to init DHCP socket in dev:%s', "Couldn't get br-lan ip, netmask, mac!",
+                                'Last time handle not release, release it before resend!'],
+    'init_dhcp_sockfd': ['Create DHCP request socket failed!'],
+    'send_dhcp_discovery_packet': ['Get device:%s , index=%d, hw_addr=%s', 'Error binding socket!',
+                                   'Error while writing to dhcp request socket, using device:%s',
+                                   'Skip sending dhcp discoery packet due to socket error!'],
+    'recv_dhcp_discovery_packet': ['recv dhcp discovery packet from dev:%s', 'Cannot read from socket, try again! dev=%s',
+                                   'read from socket parse error, try again! dev=%s', 'Not match: rdhcp->xid=%s, lanprobe_ctx->random_xid=%s',
+                                   'dev:%s, IPADDR=%s, MAC=%s', 'dev:%s, GATEWAY=%s', 'dev:%s, DNS_SERVER=%s',
+                                   'Detecing dhcp offer from own mac:%s, meaning there is a cirecle in lan!!',
+                                   'Success parse dhcp discovery packet in dev=%s'],
+    'process_dhcp_discovery_all': ['dhcp detect array is null, no packet sent yet, treat as detect over!', 'Processing dhcp offer in eth:%s',
+                                   'dev:%s detect dhcp Service!', 'dev:%s, IPADDR=%s, MAC=%s', 'dev:%s, GATEWAY=%s',
+                                   'dev:%s, DNS_SERVER=%s', 'No dhcp Service detect in dev:%s yet!'],
+    'release_lanprobe_handle': ['Release null lanprobe_handle fail!', 'release lanprobe_handler success!'],
+}
+PATTERNS = [(re.compile(re.sub(r'%[-#0-9]*[a-zA-Z]', '.*', re.escape(m).replace(r'\%', '%')) + '$'), op)
+            for op, msgs in OWNERS.items() for m in msgs]
+
+
+class Failure(Exception):
+    pass
+
+
+def check(cond, what):
+    if not cond:
+        raise Failure(what)
+
+
+def host_mac(n):
+    return '02:1A:00:00:01:%02X' % n
+
+
+class Run:
+    """What one daemon run left behind (see scripts/lab/nsinit.py)."""
+
+    def __init__(self, out, row):
+        self.out, self.row = out, row
+        self.status = json.loads(self.read('status.json'))
+        self.raw = self.read('result')
+        self.console = self.read('console.txt') or ''
+        text = self.read('lanprobe.log') or ''
+        if row.get('console_log'):
+            text = self.console.split('Success set lanprobe debug level to 7!\n', 1)[-1]
+        # Lines still buffered when logging ends reach the inherited stdout.
+        text += ''.join(l + '\n' for l in (self.read('stdout.txt') or '').splitlines() if l.startswith('[lanprobe]'))
+        # Others write to the same sink unbuffered (libuci's error text, the
+        # copy command's complaints): their lines land between two blocks of
+        # the daemon's buffered output, even inside one of its lines.
+        text = FOREIGN.sub('', text)
+        self.lines = [LINE.match(l) for l in text.splitlines()]
+        check(all(self.lines), 'log lines out of format: %r' % [l for l, m in zip(text.splitlines(), self.lines) if not m][:3])
+        self.lines = [m.groups() for m in self.lines]          # (level, uptime, function, message)
+        self.msgs = [l[3] for l in self.lines]
+
+    def read(self, name):
+        try:
+            with open(os.path.join(self.out, name), encoding='utf-8', errors='replace') as f:
+                return f.read()
+        except OSError:
+            return None
+
+    def count(self, text, start=0, end=None):
+        """Lines whose message is text ('*' matches anything)."""
+        return sum(1 for m in self.msgs[start:end] if m == text or ('*' in text and fnmatch.fnmatchcase(m, text)))
+
+    def index(self, text, start=0):
+        return next((i for i in range(start, len(self.msgs)) if self.msgs[i] == text), -1)
+
+    def entries(self):
+        try:
+            doc = json.loads(self.raw, object_pairs_hook=list)
+        except (TypeError, ValueError):
+            raise Failure('no complete result document: %r' % self.raw)
+        check(self.raw == json.dumps(json.loads(self.raw), separators=(',', ':')).replace('/', '\\/'),
+              'result not in json-c plain form: %r' % self.raw)
+        check(len(doc) == 1 and doc[0][0] == 'result', 'result %r' % self.raw)
+        return [dict(e) for e in doc[0][1]], [[k for k, _ in e] for e in doc[0][1]]
+
+
+def expect_entry(e, keys, spec):
+    """spec: 'eth<n>' with ':nogw' / ':nodns', or ':label=TEXT'."""
+    name, *flags = spec.split(':')
+    n = int(name[3:])
+    label = next((f[6:] for f in flags if f.startswith('label=')), 'LAN%d' % (n + 1))
+    pool = ['192.168.1.%d' % (100 + 20 * n + i) for i in range(20)]
+    want = {'name': name, 'label': label, 'mac': host_mac(n)}
+    if 'nogw' not in flags:
+        want['gateway_ip'] = '192.168.1.1' if 'owner' in flags else '192.168.1.%d' % (10 + n)
+    if 'nodns' not in flags:
+        want['dns_ip'] = '10.53.0.%d' % (10 + n)
+    check(e.get('pre_assigned_ip') in pool, '%s offered %r' % (name, e.get('pre_assigned_ip')))
+    check({k: v for k, v in e.items() if k != 'pre_assigned_ip'} == want, '%s entry %r, expected %r' % (name, e, want))
+    order = [k for k in ('name', 'label', 'mac', 'pre_assigned_ip', 'gateway_ip', 'dns_ip') if k in e]
+    check(keys == order, '%s members in order %r' % (name, keys))
+
+
+def always(r):
+    """What every run must show."""
+    st, row = r.status, r.row
+    check(not st['timed_out'], 'still running at the runner limit')
+    if row.get('end') == 'refused':
+        check(st['parent']['exit'] == 1 and st['child_pid'] is None, 'refused start: %r' % st)
+        return
+    # Under strace the parent is strace's child: strace reports its status.
+    parent = st['parent'] or st.get('strace')
+    check(parent['exit'] == 0 and st['child'] and st['child']['exit'] == 0,
+          'exit statuses: parent %r, child %r' % (parent, st['child']))
+    check(st['placeholder'] == 'time 19' or row.get('tmp_full') or row.get('strace'), 'placeholder %r' % st['placeholder'])
+    check(not st['others'], 'other processes reaped: %r' % st['others'])
+    check('lanprobe_brforward' not in st['tmp_files'], '/tmp/lanprobe_brforward left behind')
+    for level, _, func, msg in r.lines:
+        if msg.startswith('Entering function: '):
+            ops = [msg[19:-1].split(',')[0]]
+        else:
+            ops = [op for p, op in PATTERNS if p.match(msg)]
+        check(func in ops, '%r logged by %s, expected %s' % (msg, func, ops or 'a listed message'))
+    if row.get('args', [None])[:2] != ['-d', '7']:
+        return
+    check(r.lines and END.fullmatch(r.msgs[-1]) and sum(1 for m in r.msgs if END.fullmatch(m)) == 1,
+          'end line: last %r' % (r.msgs[-1:],))
+    # Passes: every timed-out pass polled until elapsed > time-out, strictly.
+    timeout = int(row['args'][row['args'].index('-t') + 1]) if '-t' in row['args'] else 6000
+    polls = 0
+    for level, _, func, msg in r.lines:
+        if msg == 'Entering function: uloop_proto_detect_start!':
+            polls = 0
+        polls += msg == 'Entering function: uloop_proto_detect_end!'
+        if msg == 'dhcp discovery packet timeout!' and func == 'uloop_proto_detect_end':
+            check(polls == timeout // 200 + 1, 'a pass timed out after %d polls (time-out %d ms)' % (polls, timeout))
+    # ARP checks that ran to their end without any answer made both attempts on every port.
+    starts = [i for i, m in enumerate(r.msgs) if m == 'Entering function: check_ip_using_arp_blocked!'] + [len(r.msgs)]
+    for a, b in zip(starts, starts[1:]):
+        if r.count('release arp_detect_handle success!', a, b) and not r.count('arp reply success in dev:*', a, b):
+            check(r.count('Ready to send Arp packet for: *retry_times:1/2', a, b) ==
+                  r.count('Ready to send Arp packet for: *retry_times:2/2', a, b), 'an ARP check made one attempt')
+    end = row.get('end')
+    if end == 'deadline':
+        check(r.count('Detection over!') == 1 and not r.count('Detection over beause all devices have dhcp server!'),
+              'not ended by the deadline')
+        # The deadline counts from the set-up; an ARP check running then delays it.
+        took = int(r.lines[r.index('Detection over!')][1]) - int(r.lines[r.index('init over')][1])
+        ports = len([s for s in row['layout'] if s.startswith('eth')]) or 7
+        check(12 <= took <= 13 + 2 * (ports * 0.3 + 0.31) + 2, 'deadline after %d s' % took)
+    elif end == 'answered':
+        check(r.count('Detection over beause all devices have dhcp server!') == 1 and not r.count('Detection over!'),
+              'not ended because every port answered')
+
+
+def first_poll(r):
+    """Ended by the first poll after the last port answered, in one pass."""
+    last = max(i for i, m in enumerate(r.msgs) if m.startswith('Success parse dhcp discovery packet'))
+    poll = r.index('Entering function: uloop_proto_detect_end!', last)
+    nxt = r.index('Entering function: uloop_proto_detect_end!', poll + 1)
+    done = r.index('dhcp discovery packet all received offer', last)
+    check(0 <= poll < done and (nxt < 0 or done < nxt) and passes(r) == 1,
+          'the first poll after the last answer did not end the detection')
+
+
+def sends(r, port):
+    return r.count('Send DHCP Discovery packet success via dev:%s' % port)
+
+
+def passes(r):
+    return r.count('Entering function: uloop_proto_detect_start!')
+
+
+def discover_frames_ok(events):
+    """Every DISCOVER a responder saw is the 410-byte frame we build."""
+    for e in events:
+        if e['event'] != 'discover':
+            continue
+        x = int.from_bytes(bytes.fromhex(e['xid']), sys.byteorder)
+        ch = bytes([(x & 0xFC) | 2] + [(x >> s) & 0xFF for s in (4, 8, 12, 16, 20)])
+        want = (b'\xff' * 6 + ch + bytes.fromhex('0800 4500018cd431000040 11a530 00000000 ffffffff'
+                                                 '00440043 01780000 01010600') + bytes.fromhex(e['xid']))
+        want = want.ljust(70, b'\0') + ch
+        want = want.ljust(278, b'\0') + bytes.fromhex('63825363 350101 3703030106 ff')
+        check(e['frame'] == want.ljust(410, b'\0').hex(), 'DISCOVER on the wire: %s' % e['frame'])
+
+
+# ------------------------------------------------------------------ rows
+DEFAULT = []      # eth0 dnsmasq, eth1 udhcpd, eth2 ISC dhcpd, eth3 Kea, eth4 silent, eth5 empty, wlan0
+FOUR = ['eth0', 'eth1', 'eth2', 'eth3']
+ANSWER = ['eth0=dnsmasq', 'eth1=empty']
+SILENT = ['eth0=dnsmasq', 'eth1=silent']
+TERM = ['eth0=dnsmasq', 'eth1=udhcpd', 'eth2=empty']
+RANDOM = random.Random()
+
+
+def ck_default(r, lab):
+    n = passes(r)
+    check('Success set lanprobe debug level to 7!' in r.console, 'console %r' % r.console)
+    check(all(sends(r, p) == 1 for p in FOUR) and sends(r, 'eth4') == n >= 2, 'sends per port')
+    check(all(r.count('device:%s has NO device connected in, skip it!' % p) == n for p in ('eth5', 'wlan0')),
+          'eth5 or wlan0 not skipped in every pass')
+    check(r.count('Target ip:192.168.1.1 not found with arp in each device!') == n, 'ARP verdicts')
+
+
+def ck_v_silent(r, lab):
+    n = passes(r)
+    check(n >= 3 and sends(r, 'eth4') == n and not any(sends(r, p) for p in FOUR), 'passes %d, sends' % n)
+    check(r.count('Overall 1 devices ready to sending arp!') == n, 'ARP check not on eth4 alone')
+
+
+def ck_parser(r, lab):
+    ev = [e for e in lab.events('eth2') if e['event'] in ('offer-wrong-xid', 'offer')]
+    x = [int.from_bytes(bytes.fromhex(e['xid']), sys.byteorder) for e in ev]
+    miss = 'Not match: rdhcp->xid=0x%08x, lanprobe_ctx->random_xid=0x%08x' % tuple(x)
+    check(r.index(miss) < r.index('Success parse dhcp discovery packet in dev=eth2'), 'wrong xid not refused first')
+    own = 'Detecing dhcp offer from own mac:%s, meaning there is a cirecle in lan!!' % BR_MAC.replace(':', '-')
+    check(r.count(own) == 1 and r.index(own) < r.index('Success parse dhcp discovery packet in dev=eth3'), 'own MAC')
+    for p in FOUR:
+        discover_frames_ok(lab.events(p))
+
+
+def ck_late(r, lab):
+    ev = lab.events('eth0')
+    check([e['event'] for e in ev] == ['discover', 'discover', 'offer'] and passes(r) == 2, 'passes %r' % ev)
+    check(ev[0]['xid'] != ev[1]['xid'] and ev[0]['chaddr'] != ev[1]['chaddr'], 'the second pass reused the client')
+
+
+def ck_owner(r, lab):
+    # The owner's reply goes up through br-lan: every port socket may read it.
+    kept = {'eth0', 'eth1'} - {m.split(' via dev:')[1][:-2] for m in r.msgs if m.startswith('No arp reply from ')}
+    check('eth0' in kept, 'the owner\'s port was dropped')
+    verdict = [m for m in r.msgs if m.startswith(('Detect ', 'Target ip:'))]
+    check(verdict == (['Detect 2 device own same ip:192.168.1.1!'] if len(kept) == 2 else []), 'verdict %r' % verdict)
+
+
+def ck_arp_short(r, lab):
+    # 28 bytes: the sender address the reply lacks reads as 0.0.0.0.
+    check(r.count('arp reply receieve a different ip:0.0.0.0, Ignore!') >= 1, 'short reply not read as a reply')
+    arp = [e['frame'] for e in lab.events('eth0') if e['event'] == 'arp-request' and e['frame'][56:64] == e['frame'][76:84] == 'c0a80101']
+    port = '021a00000010'
+    want = 'ffffffffffff' + port + '0806000108000604 0001' + port + 'c0a80101 000000000000 c0a80101' + '00' * 18
+    check(arp and all(f == want.replace(' ', '') for f in arp), 'ARP announcement on the wire: %r' % arp[:1])
+
+
+def ck_no_switch(r, lab):
+    out = r.read('stdout.txt')
+    # Level 2 and no sink: the Critical line alone, on the inherited output
+    # (where libuci's own text about the missing package goes too).
+    check(re.fullmatch(r'switch: Entry not found\n\[lanprobe\]\[Critical\]\[\d+\]\[main:\d+\]: '
+                       r'init_all_eth_device failed!\n', out or ''), 'default level: stdout %r' % out)
+
+
+def ck_no_members(r, lab):
+    check(r.count('Parse lan devices success, count:2') == 1 and passes(r) == 1, 'ports from network.lan.ifname')
+    check(r.count('No actual device need detected, skip dhcp detect!') == 1, 'a port was probed')
+    check(r.read('lanprobe.log') is None, 'log file written although absent')
+
+
+def ck_help(r, lab):
+    usage = ('Usage: %s -d/--debug [0(emergy)~7(debug)] to specify the debug level.\n\t\t-t/--time_ms [1000~8000] '
+             'to specify the timeout.\n\t\t-v/--device [eth*] to specify the device to detect, or will detect in all '
+             'lan devices in default\n') % r.status['cmd'][0]
+    check(r.console == 'Invalid option -d 0, Run as default critical debug level!\nInvalid option -t 0, should in '
+          'range (0,20000]!\n' + usage, 'console %r' % r.console)
+    check(r.raw is None, 'result file touched')
+
+
+def ck_port_gone(r, lab):
+    check(r.count('dhcp discovery packet timeout!') == 1, 'not one timed-out pass')
+    # The error pending on the socket is fetched at its first report; left
+    # alone, the loop reports it at every pass until the pass times out.
+    calls = r.count('recv dhcp discovery packet from dev:eth1')
+    check(calls <= 10, 'eth1 read handler called %d times after the port went away' % calls)
+
+
+def ck_bridge_down(r, lab):
+    check(sends(r, 'eth1') == 1 and r.count('No actual device need detected, skip dhcp detect!') == 1,
+          'probed after the bridge went down')
+
+
+def ck_no_ipv4(r, lab):
+    check(r.count('invalid parameters! Send failed!') == 1 and
+          r.count('find_target_ip_and_device_with_arp failed, return null!') == 1, 'the ARP check ran')
+
+
+def ck_tmp(how):
+    def ck(r, lab):
+        if how == 'blocks':     # files can be made but stay empty: no host learned
+            check(r.raw == '' and r.count('Failed to get fdb table!') == 1 and not sends(r, 'eth0'), 'blocks')
+        else:                   # no file at all: the database comes by ioctl, eth0 answers
+            check(r.raw is None and r.count('Success parse dhcp discovery packet in dev=eth0') == 1, 'inodes')
+    return ck
+
+
+def ck_self_raise(r, lab):
+    check(r.msgs[-2:-1] == ['init_all_eth_device failed!'], 'the raise after a failed discovery: %r' % r.msgs[-3:])
+
+
+def stamp(line):
+    return float(next(t for t in line.split() if re.fullmatch(r'\d+\.\d+', t)))
+
+
+def ck_term(sent_before, copies):
+    """The stop: no frame sent after the injected signal (sent_before went out
+    before it), no copy of the database started after it (copies in all)."""
+    def ck(r, lab):
+        # The forked child's lines: prefixed with its PID under strace -f.
+        lines = [l for l in ((r.read('strace-child.txt') or '') + (r.read('stdout.txt') or '')).splitlines()
+                 if re.match(r'\d+\.\d+ ', l) or l.startswith('%d ' % r.status['child_pid'])]
+        at = next((i for i, l in enumerate(lines) if '--- SIGTERM' in l and 'SI_KERNEL' in l), None)
+        check(at is not None, 'no SIGTERM injected')
+        sent = lambda part: sum(1 for l in part if re.search(r'sendto\(.*= (60|410)$', l))
+        check(sent(lines[:at + 1]) == sent_before and sent(lines[at + 1:]) == 0,
+              'frames %d before and %d after the signal' % (sent(lines[:at + 1]), sent(lines[at + 1:])))
+        check(sum(1 for l in lines if re.search(r'\s(clone3?|vfork)\(', l)) == copies, 'database copies started')
+        end = next(l for l in reversed(lines) if 'exit_group' in l)
+        lab.figures.append('stopped %.1f ms after the signal (under strace)' % ((stamp(end) - stamp(lines[at])) * 1000))
+    return ck
+
+
+def ck_term_write(r, lab):
+    check('SI_KERNEL' in (r.read('strace-child.txt') or ''), 'no SIGTERM injected')
+    check(r.msgs[-2].startswith('Detection over'), 'the write was not followed by its end: %r' % r.msgs[-3:])
+
+
+def ck_term_random(r, lab):
+    t = r.status['term']
+    if t['where'] != 'after end':
+        lab.figures.append('stop in %s: %d ms' % (t['where'], r.status['child']['ms'] - t['at_ms']))
+
+
+def ck_hostile(r, lab):
+    refused = sum(1 for m in r.msgs if m.startswith(('Detecing dhcp offer from own mac:', 'Not match: rdhcp->xid=',
+                                                     'read from socket parse error')))
+    check(refused > 0 and lab.flood_stats['answers'] > 0, 'no crafted frame reached the handler')
+    lab.figures.append('%d crafted frames refused, %d sent' % (refused, lab.flood_stats['sent']))
+
+
+def ck_valgrind(r, lab):
+    logs = {}
+    for name in os.listdir(lab.vg):
+        text = open(os.path.join(lab.vg, name), errors='replace').read()
+        logs[int(name.split('.')[1])] = (int(re.search(r'Parent PID: (\d+)', text).group(1)), text)
+    parent = [p for p, (pp, _) in logs.items() if pp not in logs]
+    check(len(parent) == 1, 'daemon processes under valgrind: %r' % list(logs))
+    child = [p for p, (pp, t) in logs.items() if pp == parent[0] and 'ERROR SUMMARY' in t]
+    check(len(child) == 1, 'no forked child under valgrind')
+    for pid in parent + child:
+        text = logs[pid][1]
+        lost = sum(int(b.replace(',', '')) for b in re.findall(r'(?:definitely|indirectly|possibly) lost: ([\d,]+)', text))
+        fds = [m for m in re.finditer(r'Open file descriptor (\d+):.*\n((?:==\d+==  +\S.*\n)*)', text)
+               if int(m.group(1)) > 2 and 'inherited from parent' not in m.group(2) and 'log_init' not in m.group(2)]
+        check('ERROR SUMMARY: 0 errors' in text and not lost and not fds,
+              'valgrind (pid %d): %s, %d bytes lost, %d descriptors left' % (pid, re.search(r'ERROR SUMMARY: .*', text).group(0), lost, len(fds)))
+
+
+def edit_switch(data):
+    def edit(d):
+        p = os.path.join(d, 'switch')
+        os.remove(p)
+        if data == 'dir':
+            os.mkdir(p)
+        elif data is not None:
+            open(p, 'wb').write(data)
+    return edit
+
+
+def edit_network(d):
+    open(os.path.join(d, 'network'), 'wb').write(b'\x00\xff' * 2000)
+
+
+def strace(call, when=1):
+    # Only the forked child makes these calls, so the parent is never hit.
+    return {'strace': '-ttt -e trace=%s,sendto,clone,clone3,vfork,exit_group -e inject=%s:signal=TERM:when=%d'
+                      % (call, call, when)}
+
+
+ROWS = {
+    'default': dict(layout=DEFAULT, args=['-d', '7'], result=FOUR, end='deadline', check=ck_default),
+    'v_silent': dict(layout=DEFAULT, args=['-d', '7', '-v', 'eth4', '-t', '1000'], result=[], end='deadline',
+                     check=ck_v_silent),
+    'v_unknown': dict(layout=DEFAULT, args=['-d', '7', '-v', 'eth9', '-t', '20000'], result=FOUR, end='deadline',
+                      lines=["Device:eth9 doesn't existed in network.lan! Detect in all lans in default!"],
+                      console='Success set lanprobe timeout to 20000ms!', check=lambda r, lab: check(passes(r) == 1, 'passes')),
+    'v_server': dict(layout=DEFAULT, args=['-d', '7', '-v', 'eth1'], result=['eth1'], end='answered',
+                     check=lambda r, lab: first_poll(r) or check(sends(r, 'eth1') == 1, 'sends')),
+    'servers': dict(layout=['eth0=dnsmasq', 'eth1=udhcpd', 'eth2=dhcpd', 'eth3=kea', 'eth5=empty'], args=['-d', '7'],
+                    result=FOUR, end='answered', check=lambda r, lab: first_poll(r)),
+    'parser': dict(layout=['eth0=responder:two-routers', 'eth1=responder:pad-first', 'eth2=responder:wrong-xid',
+                           'eth3=responder:own-mac'], args=['-d', '7'], end='answered', check=ck_parser,
+                   result=['eth0:nogw', 'eth1:nogw:nodns', 'eth2', 'eth3']),
+    'late': dict(layout=['eth0=responder:late'], args=['-d', '7', '-t', '1000'], result=['eth0'], end='answered',
+                 console='Success set lanprobe timeout to 1000ms!', check=ck_late),
+    'owner': dict(layout=['eth0=owner', 'eth1=dnsmasq'], args=['-d', '7'], result=['eth0:owner', 'eth1'],
+                  end='answered', check=ck_owner),
+    'arp_short': dict(layout=['eth0=responder:arp-short', 'eth1=empty'], args=['-d', '7'], result=['eth0'],
+                      end='answered', check=ck_arp_short),
+    'no_switch': dict(layout=['--no-switch'] + SILENT, args=[], result='placeholder', check=ck_no_switch),
+    'no_members': dict(layout=['--detached'] + SILENT, args=['-d', '7'], console_log=True, result=[], end='answered',
+                       check=ck_no_members),
+    'help': dict(layout=['eth0=empty'], args=['-d', '0', '-t', '0', '-h'], end='refused', check=ck_help),
+    'port_deleted': dict(layout=SILENT, args=['-d', '7', '-t', '3000'], during=('eth1', 'ip link del eth1'),
+                         result=['eth0'], end='answered', check=ck_port_gone),
+    'bridge_down': dict(layout=SILENT, args=['-d', '7', '-t', '2000'], during=('eth1', 'ip link set br-lan down'),
+                        result=['eth0'], end='answered', check=ck_bridge_down),
+    'server_killed': dict(layout=['eth0=dnsmasq', 'eth1=udhcpd'], args=['-d', '7', '-t', '4000'],
+                          during=('eth1', 'kill udhcpd-eth1'), result=['eth0'], end='deadline'),
+    'no_ipv4': dict(layout=ANSWER, args=['-d', '7'], before='ip addr flush dev br-lan', result=['eth0'],
+                    end='answered', check=ck_no_ipv4),
+    'switch_broken': dict(layout=ANSWER, args=['-d', '7'], config=edit_switch(b"config switch_port\n\toption port '1\n"),
+                          result='placeholder', lines=['Unable to load uci switch!']),
+    'switch_garbage': dict(layout=ANSWER, args=['-d', '7'], result='placeholder',
+                           config=edit_switch(bytes(random.Random(7).randrange(256) for _ in range(4096)))),
+    'switch_missing': dict(layout=ANSWER, args=['-d', '7'], config=edit_switch(None), result='placeholder',
+                           check=ck_self_raise),
+    'switch_lists': dict(layout=ANSWER, args=['-d', '7'], end='answered', result=['eth0:label=' + 'L' * 31],
+                         config=edit_switch(b"config switch_port\n\tlist port '1'\n\toption ifname 'eth0'\n\n"
+                                            b"config switch_port\n\toption port '2'\n\toption ifname 'eth0'\n"
+                                            b"\toption label '" + b'L' * 300 + b"'\n")),
+    'network_garbage': dict(layout=ANSWER, args=['-d', '7'], config=edit_network, result=['eth0'], end='answered'),
+    'tmp_blocks': dict(layout=ANSWER, args=['-d', '7'], tmp_full='blocks', console_log=True, end='answered',
+                       result='any', check=ck_tmp('blocks')),
+    'tmp_inodes': dict(layout=ANSWER, args=['-d', '7'], tmp_full='inodes', console_log=True, end='answered',
+                       result='any', check=ck_tmp('inodes')),
+    # SIGTERM from outside, delivered by strace on entering a chosen call.
+    # (the listing of br-lan's ports, the wait before the first ARP send, the
+    # pause after the sends, the copy of the database, the first DISCOVER,
+    # the loop waiting for the first poll, the result write).
+    'term_discovery': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(0, 0),
+                           **strace('getdents64')),
+    'term_arp_wait': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(0, 0), **strace('pselect6')),
+    'term_arp_pause': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(3, 0), **strace('poll')),
+    # The copy's shell waits too: only the daemon's child is traced here.
+    'term_copy': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(6, 1),
+                      strace_child='-ttt -e trace=wait4,sendto,clone,clone3,vfork,exit_group '
+                                   '-e inject=wait4:signal=TERM:when=1'),
+    'term_send': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(7, 2), **strace('sendto', 7)),
+    'term_waiting': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(8, 2),
+                         **strace('epoll_wait')),
+    'term_write': dict(layout=TERM, args=['-d', '7'], result=['eth0', 'eth1'], check=ck_term_write,
+                       strace_child='-P /tmp/lanprobe_result -e trace=openat -e inject=openat:signal=TERM:when=1'),
+    'term_random': dict(layout=TERM, args=['-d', '7'], result='any', term_after=lambda: RANDOM.uniform(0, 3),
+                        check=ck_term_random),
+    'hostile': dict(layout=['eth0=udhcpd', 'eth1=empty'], args=['-d', '7'], flood='eth0', result=['eth0'],
+                    end='answered', check=ck_hostile),
+    'valgrind': dict(layout=ANSWER, args=['-d', '7'], valgrind=True, result=['eth0'], end='answered', check=ck_valgrind),
+}
+
+
+class Lab:
+    def __init__(self, row, opts):
+        self.row, self.opts, self.runs, self.figures = row, opts, 0, []
+        self.base = tempfile.mkdtemp(prefix='lanprobe-lab.', dir=opts.workdir)
+        self.state = os.path.join(self.base, 'state')
+        subprocess.run(['bash', LAB, 'up', self.state] + row['layout'], check=True, env=dict(os.environ, LAB_QUIET='1'))
+
+    def exec(self, name, *cmd, **kw):
+        return subprocess.run(['bash', LAB, 'exec', self.state, name] + list(cmd), check=True, **kw)
+
+    def events(self, port):
+        with open(os.path.join(self.state, 'hosts', port, 'responder.events')) as f:
+            return [json.loads(line) for line in f]
+
+    def action(self, what):
+        if what.startswith('kill '):
+            pid = next(int(l.split()[0]) for l in open(os.path.join(self.state, 'pids')) if l.split()[1] == what[5:])
+            os.kill(pid, signal.SIGKILL)
+        else:
+            self.exec('router', *what.split())
+
+    def run(self):
+        row = self.row
+        self.runs += 1
+        out = os.path.join(self.base, 'run%d' % self.runs)
+        os.makedirs(out)
+        config = os.path.join(self.state, 'config')
+        if row.get('config'):
+            config = os.path.join(self.base, 'config%d' % self.runs)
+            shutil.copytree(os.path.join(self.state, 'config'), config)
+            row['config'](config)
+        binary = self.opts.bin
+        if row.get('valgrind'):
+            self.vg = os.path.join(self.base, 'vg%d' % self.runs)
+            os.makedirs(self.vg)
+            binary = os.path.join(self.base, 'lanprobe-vg')
+            with open(binary, 'w') as f:
+                f.write('#!/bin/sh\nexec valgrind --leak-check=full --show-leak-kinds=all --track-fds=yes '
+                        '--log-file=%s/vg.%%p.log %s "$@"\n' % (self.vg, self.opts.bin))
+            os.chmod(binary, 0o755)
+        cmd = [PY, os.path.join(TOP, 'scripts', 'lab', 'nsinit.py'), '--config', config, '--out', out, '--limit', '120']
+        for k in ('tmp_full', 'strace', 'strace_child'):
+            if row.get(k):
+                cmd += ['--' + k.replace('_', '-'), row[k]]
+        if row.get('term_after'):
+            cmd += ['--term-after', '%.3f' % row['term_after']()]
+        if row.get('console_log'):
+            cmd.append('--console-log')
+        if row.get('before'):
+            self.exec('router', *row['before'].split())
+        watch = flood = None
+        if row.get('during'):
+            watch = subprocess.Popen(['bash', LAB, 'exec', self.state, 'router', PY, os.path.join(HERE, 'hosts.py'),
+                                      'wait', '--port', row['during'][0]], stdout=subprocess.PIPE, text=True)
+            check(watch.stdout.readline().strip() == 'ready', 'frame watch did not start')
+        if row.get('flood'):
+            self.stats = os.path.join(self.base, 'flood%d.json' % self.runs)
+            flood = subprocess.Popen(['bash', LAB, 'exec', self.state, row['flood'], PY, os.path.join(HERE, 'hosts.py'),
+                                      'flood', '--iface', 'veth0', '--br-mac', BR_MAC, '--stats', self.stats],
+                                     stdout=subprocess.PIPE, text=True)
+            flood_pid = int(flood.stdout.readline().split()[1])
+        runner = subprocess.Popen(['bash', LAB, 'exec', self.state, 'router', 'unshare', '--mount', '--propagation',
+                                   'private', '--pid', '--fork', '--mount-proc', '--kill-child'] + cmd + ['--', binary]
+                                  + row['args'])
+        if watch:
+            seen = watch.stdout.readline().strip()
+            watch.wait()
+            check(seen == 'seen', 'no DISCOVER left %s' % row['during'][0])
+            self.action(row['during'][1])
+        check(runner.wait() == 0, 'runner failed')
+        if flood:
+            os.kill(flood_pid, signal.SIGINT)
+            flood.wait()
+            self.flood_stats = json.load(open(self.stats))
+        return Run(out, row)
+
+    def down(self, keep):
+        subprocess.run(['bash', LAB, 'down', self.state], check=False)
+        if not keep:
+            shutil.rmtree(self.base, ignore_errors=True)
+
+
+def run_row(name, opts):
+    row = ROWS[name]
+    lab = Lab(row, opts)
+    ok = False
+    try:
+        for _ in range(opts.runs):
+            r = lab.run()
+            always(r)
+            res = row.get('result')
+            if res == 'placeholder':
+                check(r.raw == 'time 19', 'result %r, expected the placeholder' % r.raw)
+            elif isinstance(res, list):
+                entries, keys = r.entries()
+                check([e['name'] for e in entries] == [s.split(':')[0] for s in res], 'ports in the result: %r' % r.raw)
+                for e, k, spec in zip(entries, keys, res):
+                    expect_entry(e, k, spec)
+            elif res == 'any' and r.raw not in ('time 19', '', None):
+                r.entries()
+            for line in row.get('lines', []):
+                check(r.count(line) >= 1, 'log lacks %r' % line)
+            check(row.get('console', '') in r.console, 'console %r' % r.console)
+            if row.get('check'):
+                row['check'](r, lab)
+        ok = True
+        return lab.figures
+    finally:
+        lab.down(keep=opts.keep and not ok)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument('--bin', default=os.environ.get('LANPROBE', os.path.join(TOP, 'build', 'lanprobe')))
+    ap.add_argument('--runs', type=int, default=1)
+    ap.add_argument('--keep', action='store_true', help="keep a failed row's lab and outputs")
+    ap.add_argument('--workdir', default='/var/tmp')
+    ap.add_argument('--list', action='store_true')
+    ap.add_argument('names', nargs='*')
+    a = ap.parse_args()
+    if a.list:
+        print(';'.join(ROWS))
+        return 0
+    a.bin = os.path.abspath(a.bin)
+    for s in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        signal.signal(s, lambda *_: sys.exit(130))
+    failed = 0
+    for name in a.names or list(ROWS):
+        t = time.monotonic()
+        try:
+            figures = run_row(name, a)
+            print('PASS %s (%.1f s)%s' % (name, time.monotonic() - t, ''.join('\n     ' + f for f in figures)))
+        except (Failure, subprocess.CalledProcessError, OSError, KeyError, ValueError, TypeError) as e:
+            failed += 1
+            print('FAIL %s: %s' % (name, e))
+        sys.stdout.flush()
+    return 1 if failed else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())

@@ -1,0 +1,114 @@
+// Configuration on /etc/config (a private one per test): reading one value by
+// key, the writing calls, and what LAN discovery makes of network and switch.
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include "core/lan_discovery.h"
+#include "support/log.h"
+#include "support/testkit.h"
+#include "support/uci_access.h"
+
+namespace {
+
+// "Level: message" of every log line in out, prefix removed.
+std::string messages(const std::string &out)
+{
+    std::string msgs;
+    for (size_t pos = 0; (pos = out.find("[lanprobe][", pos)) != std::string::npos;) {
+        size_t body = out.find("]: ", pos), next = out.find("[lanprobe][", pos + 1);
+        msgs += out.substr(pos + 11, out.find(']', pos + 11) - pos - 11) + ": " +
+                out.substr(body + 3, (next == std::string::npos ? out.size() : next) - body - 3);
+        pos = body;
+    }
+    return msgs;
+}
+
+TEST(Config, GetValue)
+{
+    const std::string v70(70, 'v');
+    const struct {
+        const char *key;
+        int rc;
+        std::string value, log;  // value "" and rc -1: the buffer is left untouched
+    } rows[] = {
+        {"network.lan.ifname", 0, "eth0 eth1", ""},
+        {"network.lan.long", 0, v70.substr(0, 64), ""},  // 64 characters and the terminator
+        {"network.@interface[-1].ifname", 0, "eth9", ""},
+        {"network.lan", -1, "", "Info: element type is not option:3\n"},
+        {"network.nosuch.ifname", -1, "", "Info: element type is not option:2\n"},
+        {"nosuch.lan.ifname", -1, "", "Info: fail to get ptr nosuch \n"},
+        {"network.lan.dns", -1, "", "Info: option type is not string:1\n"},
+        {"network.lan-1.ifname", -1, "", "Info: fail to get ptr network \n"},
+        {nullptr, -1, "", "Error: p_uci_str or p_value is null\n"},
+        {"network.lan.ooooooooooooooooooooooooooooooooooooooooooooooooooooo", -1, "", ""},  // 65 characters
+    };
+    tk::in_netns([&] {
+        tk::write_file("/etc/config/network", "config interface 'lan'\n\toption ifname 'eth0 eth1'\n\toption long '" +
+                                                  v70 + "'\n\tlist dns 'a'\n\nconfig interface\n\toption ifname 'eth9'\n");
+        log_set_level(LOG_LEVEL_DEBUG);
+        for (const auto &r : rows) {
+            char value[UCI_ACCESS_BUF_SIZE + 1];
+            memset(value, '#', sizeof(value));
+            tk::Capture log;
+            EXPECT_EQ(_uci_get_value(r.key, value), r.rc) << r.key;
+            EXPECT_EQ(messages(log.text()), r.log) << r.key;
+            EXPECT_EQ(std::string(value, strnlen(value, UCI_ACCESS_BUF_SIZE)),
+                      r.rc == 0 ? r.value : std::string(UCI_ACCESS_BUF_SIZE, '#')) << r.key;
+            EXPECT_EQ(value[UCI_ACCESS_BUF_SIZE], '#') << r.key << ": written past 65 bytes";
+        }
+    });
+}
+
+TEST(Config, SwitchPortsAndConfiguredList)
+{
+    const struct {
+        const char *network;  // nullptr: no such file
+        std::string switch_text;  // "-": no such file
+        int rc;
+        const char *ports;  // "name:port:label" of each record, in table order
+        std::vector<std::string> log;
+    } rows[] = {
+        {"eth0 eth1  eth3 eth0 wlan0",
+         "config switch\n"
+         "config switch_port\n\toption port '1'\n\toption ifname 'eth0'\n\toption label 'LAN1'\n"
+         "config switch_port\n\toption port '-1'\n\toption ifname 'eth1'\n"
+         "config switch_port\n\toption port 'abc'\n\toption ifname 'eth3'\n"
+         "config switch_port\n\tlist port '4'\n\toption ifname 'eth1'\n"
+         "config switch_port\n\toption port '5'\n\toption ifname 'lan1'\n"
+         "config switch_port\n\toption port '6'\n\toption ifname 'eth7'\n"
+         "config switch_port\n\toption port '258'\n\toption ifname 'eth0'\n\toption label '" +
+             std::string(40, 'L') + "'\n",
+         3, "eth0:2:LLLLLLLLLLLLLLLLLLLLLLLLLLLLLLL eth1:-1: eth3:0: wlan0:-1:",
+         {"Debug: Parse lan devices(4 totoal) name: eth0\n", "Error: Device already existed!\n",
+          "Info: Parse lan devices success, count:5\n", "Warning: Failed to get device by config switch.cfg03e37b\n",
+          "Warning: Failed to get device by config switch.cfg05e37b\n", "Error: lan1 not begin with \"eth\"\n",
+          "Warning: Can't find device eth7\n", "Info: Parse network devices atrribute success, count:3\n"}},
+        {"eth0", "-", -95, "eth0:-1:",
+         {"Error: Unable to load uci switch!\n",
+          "Error: get_eth_atrribute failed, or no attribute successfully parse!\n"}},
+        {nullptr, "", -95, "", {"Error: Unable to get network.lan.ifname, wrong!!\n", "Error: Parse network devices fail!\n"}},
+    };
+    for (const auto &r : rows) {
+        tk::in_netns([&] {  // no br-lan here: the names come from network.lan.ifname
+            if (r.network)
+                tk::write_file("/etc/config/network", std::string("config interface lan\n\toption ifname '") +
+                                                          r.network + "'\n");
+            if (r.switch_text != "-")
+                tk::write_file("/etc/config/switch", r.switch_text);
+            log_set_level(LOG_LEVEL_DEBUG);
+            t_lan_devices table{};
+            tk::Capture log;
+            EXPECT_EQ(init_all_lan_device(&table), r.rc);
+            std::string msgs = messages(log.text()), ports;
+            for (const std::string &line : r.log)
+                EXPECT_EQ(tk::count(msgs, line), 1u) << line << msgs;
+            for (t_device *d = table.dev_hashmap_head; d; d = static_cast<t_device *>(d->hh.next))
+                ports += std::string(ports.empty() ? "" : " ") + d->name + ":" + std::to_string(d->port) + ":" +
+                         std::string(d->label, strnlen(d->label, sizeof(d->label)));
+            EXPECT_EQ(ports, r.ports);
+        });
+    }
+}
+
+}  // namespace
