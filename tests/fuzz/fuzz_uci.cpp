@@ -1,11 +1,15 @@
 // Our libuci: the file parser (uci_load of a path), the lookup with extended
 // section syntax (uci_lookup_ptr), the daemon's reading call _uci_get_value
-// and the switch walk of LAN discovery (get_eth_atrribute), all on one text.
+// and the switch walk of LAN discovery (get_eth_atrribute), all on one text;
+// and a commit of whatever parsed, which must read back as the same package.
 //
 // Input: a key up to the first newline, then the file text.  The text becomes
-// /etc/config/network and /etc/config/switch in the sandbox, and also a file
+// /etc/config/network and /etc/config/switch in the sandbox, and also files
 // loaded by absolute path.
 #include <string.h>
+#include <sys/stat.h>
+
+#include <string>
 
 #include <uci.h>
 
@@ -18,6 +22,8 @@ namespace {
 
 constexpr size_t kMaxInput = 1 << 16;
 constexpr size_t kMaxKey = 256;
+constexpr char kScratchDir[] = "/tmp/fuzz-commit";  // the round trip's config dir
+constexpr char kScratchFile[] = "/tmp/fuzz-commit/pkg";
 const char *const kPortNames[] = {"eth0", "eth1", "eth2", "eth3"};
 
 // Touches every name and value of a loaded package, the way the daemon's
@@ -45,6 +51,47 @@ size_t walk_package(struct uci_package *p)
         }
     }
     return total;
+}
+
+// The whole package as text, each string ended by a NUL (no string holds one).
+std::string package_tree(struct uci_package *p)
+{
+    std::string t;
+    struct uci_element *se, *oe, *ie;
+    uci_foreach_element(&p->sections, se) {
+        struct uci_section *s = uci_to_section(se);
+        t += std::string(s->anonymous ? "A" : "S") + s->type + '\0' + se->name + '\0';
+        uci_foreach_element(&s->options, oe) {
+            struct uci_option *o = uci_to_option(oe);
+            t += std::string(o->type == UCI_TYPE_STRING ? "O" : "L") + oe->name + '\0';
+            if (o->type == UCI_TYPE_STRING)
+                t += std::string(o->v.string) + '\0';
+            else
+                uci_foreach_element(&o->v.list, ie) t += std::string("I") + ie->name + '\0';
+        }
+    }
+    return t;
+}
+
+// Parse, commit, parse: a package loaded by path is written from memory at
+// every commit, and what is written must read back as the same package.
+void commit_round_trip(const uint8_t *text, size_t len)
+{
+    FUZZ_CHECK(fuzzenv::write_file(kScratchFile, text, len));
+    struct uci_context *ctx = uci_alloc_context();
+    FUZZ_CHECK(ctx != nullptr);
+    uci_set_confdir(ctx, kScratchDir);
+    struct uci_package *p = nullptr;
+    if (uci_load(ctx, kScratchFile, &p) == UCI_OK) {
+        FUZZ_CHECK(uci_commit(ctx, &p, false) == UCI_OK);
+        struct uci_context *again = uci_alloc_context();
+        FUZZ_CHECK(again != nullptr);
+        struct uci_package *q = nullptr;
+        FUZZ_CHECK(uci_load(again, kScratchFile, &q) == UCI_OK);
+        FUZZ_CHECK(package_tree(q) == package_tree(p));
+        uci_free_context(again);
+    }
+    uci_free_context(ctx);
 }
 
 void load_and_lookup(const char *key)
@@ -85,6 +132,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     fuzzenv::enter_sandbox(fuzzenv::SANDBOX_ETC_CONFIG);
     fuzzenv::quiet_log_output();
+    if (mkdir(kScratchDir, 0755) != 0) {
+        perror(kScratchDir);
+        exit(2);
+    }
     return 0;
 }
 
@@ -121,6 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
 
     load_and_lookup(key);
+    commit_round_trip(text, text_len);
 
     // The switch walk over the same text, with four Ethernet ports known.
     t_device *head = nullptr;

@@ -67,6 +67,7 @@ TEST(UciAccess, GetValueOutcomes)
     const std::string cut64 = value70.substr(0, 64);
     const GetCase cases[] = {
         {"network.lan.ifname", 0, "eth0 eth1", ""},
+        {"network.lan.ipaddr", 0, "10.0.0.1", ""}, // set with "uci set", not committed
         {"network.lan.long", 0, cut64.c_str(), ""},
         {"network.@interface[-1].ifname", 0, "eth9", ""},
         {"network.lan", -1, nullptr, "Info: element type is not option:3\n"},
@@ -80,6 +81,7 @@ TEST(UciAccess, GetValueOutcomes)
     run_in_netns([&] {
         ASSERT_TRUE(write_config("network", network));
         ASSERT_TRUE(write_config("broken", "config a x\n\toption\n"));
+        ASSERT_TRUE(lptest::sh("mkdir /tmp/.uci && echo \"network.lan.ipaddr='10.0.0.1'\" > /tmp/.uci/network"));
         log_set_level(LOG_LEVEL_DEBUG);
         for (const GetCase &c : cases) {
             char value[UCI_ACCESS_BUF_SIZE + 8];
@@ -135,7 +137,7 @@ TEST(UciAccess, WritingFamilyRoundTrips)
         out = capture_stdout([&] { EXPECT_EQ(_uci_delete_commit("lanprobe", nullptr, "a"), -1); });
         EXPECT_EQ(messages(out), "Error: invalid parameter\n");
 
-        EXPECT_EQ(read_config("lanprobe"), "\nconfig main 'cfg'\n\tlist l 'x'\n\tlist l 'x'\n\tlist l 'y'\n\n");
+        EXPECT_EQ(read_config("lanprobe"), "\nconfig 'main' 'cfg'\n\tlist 'l' 'x'\n\tlist 'l' 'x'\n\tlist 'l' 'y'\n\n");
 
         // Slot form: several changes, one context, one commit.
         struct uci_context *ctx = nullptr;
@@ -152,7 +154,7 @@ TEST(UciAccess, WritingFamilyRoundTrips)
         struct uci_package *p = uci_lookup_package(ctx, "other");
         ASSERT_NE(p, nullptr);
         ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
-        EXPECT_EQ(read_config("other"), "\nconfig o 's'\n\tlist v '2'\n\tlist v '2'\n\tlist w 'a'\n\n");
+        EXPECT_EQ(read_config("other"), "\nconfig 'o' 's'\n\tlist 'v' '2'\n\tlist 'v' '2'\n\tlist 'w' 'a'\n\n");
         // _uci_commit loads lanprobe into the context and commits it (nothing to write here).
         out = capture_stdout([&] { EXPECT_EQ(_uci_commit(ctx), 0); });
         EXPECT_EQ(messages(out), "Debug: success commit\n");
