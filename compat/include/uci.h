@@ -7,12 +7,11 @@
  * daemon builds unchanged against either.  Plain C, with its own extern "C"
  * guard.
  *
- * Not implemented here: change files under the save directory ("deltas").
- * Changes live in memory until uci_commit(), which rewrites the package file
- * from memory.  uci_save() therefore commits, the way the OpenWrt library
- * treats a package that has no change tracking.  Existing change files are
- * not read at load time either, and the override directory (conf2dir) is
- * not consulted.
+ * Changes not yet committed live in delta files (<savedir>/<package>, and
+ * the other directories of the delta search path): uci_load applies them,
+ * uci_save appends to them, uci_commit folds them into the configuration
+ * file.  A file in the override directory (conf2dir) is read instead of the
+ * one in confdir.  Packages loaded by path have no delta files.
  */
 #ifndef LANPROBE_COMPAT_UCI_H
 #define LANPROBE_COMPAT_UCI_H
@@ -232,7 +231,7 @@ int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr);
 
-/* writing back: both rewrite the package file from memory */
+/* writing back: uci_save to the delta file, uci_commit to the configuration file */
 int uci_save(struct uci_context *ctx, struct uci_package *p);
 int uci_commit(struct uci_context *ctx, struct uci_package **p, bool overwrite);
 

@@ -1,4 +1,5 @@
-// Our libuci: contexts, loading packages, lookups and error reports.
+// Our libuci: contexts and their directories, reading files, loading
+// packages (override directory, delta files), lookups and error reports.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -21,71 +22,19 @@ constexpr const char *error_text[] = {
 };
 static_assert(sizeof(error_text) / sizeof(error_text[0]) == UCI_ERR_LAST, "one text per error code");
 
-// Whole file in one malloc'ed block, read under a shared lock.
-class FileData {
-public:
-    FileData() = default;
-    ~FileData() { free(data_); }
-    FileData(const FileData &) = delete;
-    FileData &operator=(const FileData &) = delete;
-
-    // UCI_OK, UCI_ERR_NOTFOUND (missing, or not a regular file), UCI_ERR_IO or UCI_ERR_MEM.
-    int read(const char *path)
-    {
-        struct stat st;
-        if (stat(path, &st) != 0 || !S_ISREG(st.st_mode))
-            return UCI_ERR_NOTFOUND;
-        int fd = open(path, O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
-            return UCI_ERR_IO;
-        int rc = UCI_OK;
-        flock(fd, LOCK_SH);
-        size_t cap = 0;
-        for (;;) {
-            if (len_ == cap) {
-                size_t ncap = cap ? cap * 2 : 4096;
-                char *n = static_cast<char *>(realloc(data_, ncap));
-                if (!n) {
-                    rc = UCI_ERR_MEM;
-                    break;
-                }
-                data_ = n;
-                cap = ncap;
-            }
-            ssize_t r = ::read(fd, data_ + len_, cap - len_);
-            if (r < 0 && errno == EINTR)
-                continue;
-            if (r < 0) {
-                rc = UCI_ERR_IO;
-                break;
-            }
-            if (r == 0)
-                break;
-            len_ += static_cast<size_t>(r);
-        }
-        flock(fd, LOCK_UN);
-        close(fd);
-        return rc;
-    }
-    std::string_view view() const { return std::string_view(data_ ? data_ : "", len_); }
-
-private:
-    char *data_ = nullptr;
-    size_t len_ = 0;
-};
-
-// "dir/name" in a malloc'ed string.
-char *join_path(const char *dir, std::string_view name)
+// An entry of the delta search path: an element named after the directory.
+struct uci_element *path_element_new(const char *dir)
 {
-    size_t dl = strlen(dir);
-    char *p = static_cast<char *>(malloc(dl + 1 + name.size() + 1));
-    if (!p)
+    auto *e = static_cast<struct uci_element *>(calloc(1, sizeof(struct uci_element)));
+    if (!e)
         return nullptr;
-    memcpy(p, dir, dl);
-    p[dl] = '/';
-    memcpy(p + dl + 1, name.data(), name.size());
-    p[dl + 1 + name.size()] = '\0';
-    return p;
+    e->type = UCI_TYPE_PATH;
+    e->name = strdup(dir);
+    if (!e->name) {
+        free(e);
+        return nullptr;
+    }
+    return e;
 }
 
 bool set_dir(char **slot, const char *dir)
@@ -106,38 +55,46 @@ int load_package(struct uci_context *ctx, const char *name, struct uci_package *
     if (!name)
         return UCI_ERR_INVAL;
     std::string_view n(name);
-    char *path;
+    CharPtr path;
     std::string_view pkg_name;
     bool by_path = sv_slice(n, 0, 1) == "/" || sv_slice(n, 0, 2) == "./";
+    bool uses_conf2 = false;
     if (by_path) {
         // A file given by path is the package named after its last component.
         size_t slash = n.rfind('/');
         pkg_name = sv_slice(n, slash + 1);
-        path = strdup(name);
+        path.reset(strdup(name));
     } else {
         if (sv_slice(n, 0, 1) == ".")
             return UCI_ERR_NOTFOUND;
         if (!valid_type(n))
             return UCI_ERR_INVAL;
         pkg_name = n;
-        path = join_path(ctx->confdir, n);
+        // The override directory wins when it holds the package.
+        struct stat st;
+        path = join_path(ctx->conf2dir, n);
+        uses_conf2 = path && stat(path.get(), &st) == 0;
+        if (!uses_conf2)
+            path = join_path(ctx->confdir, n);
     }
     if (!path)
         return UCI_ERR_MEM;
 
     FileData file;
-    int rc = file.read(path);
+    int rc = file.read(path.get());
     if (rc == UCI_OK && find_element(&ctx->root, pkg_name))
         rc = UCI_ERR_DUPLICATE;
     struct uci_package *p = nullptr;
     if (rc == UCI_OK)
         rc = parse_file(ctx, file.view(), pkg_name, &p);
-    if (rc != UCI_OK) {
-        free(path);
+    if (rc != UCI_OK)
         return rc;
-    }
-    p->path = path;
+    p->path = path.release();
     p->has_delta = !by_path;
+    p->uses_conf2 = uses_conf2;
+    // Uncommitted changes are part of what a package reads.
+    if (p->has_delta)
+        apply_delta_files(ctx, p);
     list_add_tail(&ctx->root, &p->e.list);
     if (out)
         *out = p;
@@ -215,6 +172,98 @@ int lookup_extended_section(struct uci_ptr *ptr, struct uci_section **found)
 
 namespace uci_internal {
 
+int FileData::read(const char *path)
+{
+    struct stat st;
+    if (stat(path, &st) != 0 || !S_ISREG(st.st_mode))
+        return UCI_ERR_NOTFOUND;
+    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0)
+        return UCI_ERR_IO;
+    flock(fd.get(), LOCK_SH); // dropped when fd closes
+    return read_fd(fd.get());
+}
+
+int FileData::read_fd(int fd)
+{
+    buf_.clear();
+    if (lseek(fd, 0, SEEK_SET) < 0)
+        return UCI_ERR_IO;
+    char chunk[4096];
+    for (;;) {
+        ssize_t r = ::read(fd, chunk, sizeof(chunk));
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r < 0)
+            return UCI_ERR_IO;
+        if (r == 0)
+            return UCI_OK;
+        if (!buf_.append(std::string_view(chunk, static_cast<size_t>(r))))
+            return UCI_ERR_MEM;
+    }
+}
+
+CharPtr join_path(const char *dir, std::string_view name)
+{
+    size_t dl = strlen(dir);
+    CharPtr p(static_cast<char *>(malloc(dl + 1 + name.size() + 1)));
+    if (p) {
+        memcpy(p.get(), dir, dl);
+        p.get()[dl] = '/';
+        memcpy(p.get() + dl + 1, name.data(), name.size());
+        p.get()[dl + 1 + name.size()] = '\0';
+    }
+    return p;
+}
+
+bool write_all(int fd, std::string_view s)
+{
+    while (!s.empty()) {
+        ssize_t w = write(fd, s.data(), s.size());
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            return false;
+        s = sv_slice(s, static_cast<size_t>(w));
+    }
+    return true;
+}
+
+int parse_ptr(struct uci_ptr *ptr, char *str)
+{
+    // The key is split in place: '=' and '.' become NULs.
+    memset(ptr, 0, sizeof(*ptr));
+    char *eq = strchr(str, '=');
+    if (eq) {
+        *eq = '\0';
+        ptr->value = eq + 1;
+    }
+    const char *parts[3] = {str, nullptr, nullptr};
+    int n = 1;
+    for (char *c = str; *c; c++) {
+        if (*c != '.')
+            continue;
+        if (n == 3) {
+            memset(ptr, 0, sizeof(*ptr));
+            return UCI_ERR_PARSE;
+        }
+        *c = '\0';
+        parts[n++] = c + 1;
+    }
+    ptr->package = parts[0];
+    ptr->section = parts[1];
+    ptr->option = parts[2];
+    ptr->target = n == 1 ? UCI_TYPE_PACKAGE : n == 2 ? UCI_TYPE_SECTION : UCI_TYPE_OPTION;
+    if (!valid_type(ptr->package) || (ptr->option && !valid_name(ptr->option)) ||
+        (ptr->value && has_bad_control(ptr->value))) {
+        memset(ptr, 0, sizeof(*ptr));
+        return UCI_ERR_PARSE;
+    }
+    if (ptr->section && !valid_name(ptr->section))
+        set_flags(ptr, uci_ptr::UCI_LOOKUP_EXTENDED);
+    return UCI_OK;
+}
+
 // The lookup proper, on a ptr whose package/section/option texts are set.
 int lookup(struct uci_context *ctx, struct uci_ptr *ptr, bool extended)
 {
@@ -287,7 +336,11 @@ struct uci_context *uci_alloc_context(void)
     ctx->confdir = strdup(UCI_CONFDIR);
     ctx->savedir = strdup(UCI_SAVEDIR);
     ctx->conf2dir = strdup(UCI_CONF2DIR);
-    if (!ctx->confdir || !ctx->savedir || !ctx->conf2dir) {
+    // The delta search path starts with the save directory.
+    struct uci_element *path = path_element_new(UCI_SAVEDIR);
+    if (path)
+        list_add_tail(&ctx->delta_path, &path->list);
+    if (!ctx->confdir || !ctx->savedir || !ctx->conf2dir || !path) {
         uci_free_context(ctx);
         return nullptr;
     }
@@ -298,6 +351,11 @@ void uci_free_context(struct uci_context *ctx)
 {
     struct uci_element *e, *tmp;
     uci_foreach_element_safe(&ctx->root, tmp, e) free_package(uci_to_package(e));
+    uci_foreach_element_safe(&ctx->delta_path, tmp, e)
+    {
+        free(e->name);
+        free(e);
+    }
     free(ctx->pctx);
     free(ctx->confdir);
     free(ctx->savedir);
@@ -322,7 +380,14 @@ int uci_set_savedir(struct uci_context *ctx, const char *dir)
     clear_error(ctx);
     if (!dir)
         return fail(ctx, UCI_ERR_INVAL);
-    // Kept for callers that set it; change files are not written here.
+    // The directory moves to the end of the delta search path, or joins it
+    // there; the ones before it stay.
+    struct uci_element *e = find_element(&ctx->delta_path, dir);
+    if (e)
+        list_unlink(&e->list);
+    else if (!(e = path_element_new(dir)))
+        return fail(ctx, UCI_ERR_MEM);
+    list_add_tail(&ctx->delta_path, &e->list);
     return set_dir(&ctx->savedir, dir) ? UCI_OK : fail(ctx, UCI_ERR_MEM);
 }
 
@@ -365,36 +430,9 @@ int uci_lookup_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str, bool
     if (!ptr)
         return fail(ctx, UCI_ERR_INVAL);
     if (str) {
-        // The key is split in place: '=' and '.' become NULs.
-        memset(ptr, 0, sizeof(*ptr));
-        char *eq = strchr(str, '=');
-        if (eq) {
-            *eq = '\0';
-            ptr->value = eq + 1;
-        }
-        const char *parts[3] = {str, nullptr, nullptr};
-        int n = 1;
-        for (char *c = str; *c; c++) {
-            if (*c != '.')
-                continue;
-            if (n == 3) {
-                memset(ptr, 0, sizeof(*ptr));
-                return fail(ctx, UCI_ERR_PARSE);
-            }
-            *c = '\0';
-            parts[n++] = c + 1;
-        }
-        ptr->package = parts[0];
-        ptr->section = parts[1];
-        ptr->option = parts[2];
-        ptr->target = n == 1 ? UCI_TYPE_PACKAGE : n == 2 ? UCI_TYPE_SECTION : UCI_TYPE_OPTION;
-        if (!valid_type(ptr->package) || (ptr->option && !valid_name(ptr->option)) ||
-            (ptr->value && has_bad_control(ptr->value))) {
-            memset(ptr, 0, sizeof(*ptr));
-            return fail(ctx, UCI_ERR_PARSE);
-        }
-        if (ptr->section && !valid_name(ptr->section))
-            set_flags(ptr, uci_ptr::UCI_LOOKUP_EXTENDED);
+        int rc = parse_ptr(ptr, str);
+        if (rc != UCI_OK)
+            return fail(ctx, rc);
     }
     int rc = lookup(ctx, ptr, extended);
     return rc == UCI_OK ? UCI_OK : fail(ctx, rc);

@@ -1,6 +1,7 @@
 // Element storage of our libuci: every package, section, option and list item
 // is one malloc'ed struct with its strings malloc'ed beside it, so the C
-// structs keep exactly the public layout and free() releases them.
+// structs keep exactly the public layout and free() releases them.  Also the
+// growable byte buffer the parser and the writers use, and the change list.
 #include "uci_internal.h"
 
 namespace uci_internal {
@@ -27,6 +28,28 @@ int fail(struct uci_context *ctx, int err)
 {
     ctx->err = err;
     return err;
+}
+
+bool Buf::append(std::string_view s)
+{
+    if (failed_)
+        return false;
+    if (s.size() > cap_ - len_) {
+        size_t ncap = cap_ ? cap_ : 64;
+        while (ncap - len_ < s.size())
+            ncap *= 2;
+        char *n = static_cast<char *>(realloc(data_, ncap));
+        if (!n) {
+            failed_ = true;
+            return false;
+        }
+        data_ = n;
+        cap_ = ncap;
+    }
+    if (!s.empty())
+        memcpy(data_ + len_, s.data(), s.size());
+    len_ += s.size();
+    return true;
 }
 
 char *dup_view(std::string_view s)
@@ -264,7 +287,7 @@ void free_section(struct uci_section *s)
     free(s);
 }
 
-static void free_changes(struct uci_list *l)
+void free_changes(struct uci_list *l)
 {
     struct uci_element *e, *tmp;
     uci_foreach_element_safe(l, tmp, e)
@@ -294,6 +317,8 @@ void free_package(struct uci_package *p)
 bool record_change(struct uci_package *p, enum uci_command cmd, const char *section, const char *option,
                    const char *value)
 {
+    if (!p->has_delta || p->ctx->internal)
+        return true;
     struct uci_delta *d = zalloc<struct uci_delta>();
     if (!d)
         return false;

@@ -1,11 +1,19 @@
-// The configuration file parser.  It works on the file's bytes through
-// string views and keeps every position as an offset into them, so no line
-// or word can overflow a buffer.
+// The configuration file parser, and the reader of delta files, which uses
+// the same words.
 //
-// A logical line is a contiguous run of the file: a physical line plus the
-// ones a quote or a trailing backslash pulled in.  Error positions are given
-// as the byte offset within the logical line, and the line count only counts
-// physical lines that ended in LF.
+// Lines are read the way the OpenWrt library reads them, as C strings (fgets,
+// then the string up to its first NUL):
+//  - a physical line ends at its first NUL.  What follows, its LF included, is
+//    never seen, so the next physical line continues the cut one, and the cut
+//    one is not counted;
+//  - a physical line whose first byte is NUL reads as empty, and an empty read
+//    ends the read: at the start of a logical line the line is skipped (and
+//    not counted), after a cut line it ends the logical line, and in a quote
+//    it is the end of the input.
+// A logical line (a physical line plus the ones that a NUL, a quote or a
+// trailing backslash pulled in) is copied into a buffer.  Error positions are
+// byte offsets in that buffer, and the line count only counts physical lines
+// that were read up to their LF.
 #include <ctype.h>
 
 #include "uci_internal.h"
@@ -13,36 +21,6 @@
 namespace uci_internal {
 
 namespace {
-
-// Growable byte buffer for one argument (escapes make it differ from the file).
-class WordBuf {
-public:
-    WordBuf() = default;
-    ~WordBuf() { free(data_); }
-    WordBuf(const WordBuf &) = delete;
-    WordBuf &operator=(const WordBuf &) = delete;
-
-    void clear() { len_ = 0; }
-    bool push(char c)
-    {
-        if (len_ == cap_) {
-            size_t ncap = cap_ ? cap_ * 2 : 64;
-            char *n = static_cast<char *>(realloc(data_, ncap));
-            if (!n)
-                return false;
-            data_ = n;
-            cap_ = ncap;
-        }
-        data_[len_++] = c;
-        return true;
-    }
-    std::string_view view() const { return std::string_view(data_ ? data_ : "", len_); }
-
-private:
-    char *data_ = nullptr;
-    size_t len_ = 0;
-    size_t cap_ = 0;
-};
 
 enum class Stop {
     None,    // more arguments may follow
@@ -79,134 +57,26 @@ Keyword keyword_of(std::string_view w)
     return Keyword::None;
 }
 
-class Parser {
+// Lines and words: what configuration and delta files have in common.
+class Reader {
 public:
-    Parser(std::string_view data, struct uci_package *pkg)
-        : data_(data), pkg_(pkg)
-    {
-    }
+    explicit Reader(std::string_view data) : data_(data) {}
 
-    // 0, or UCI_ERR_PARSE / UCI_ERR_MEM with the reason recorded.
-    int run()
-    {
-        while (start_line()) {
-            if (!parse_line())
-                return err_ == ERR_OOM ? UCI_ERR_MEM : UCI_ERR_PARSE;
-        }
-        return UCI_OK;
-    }
-
-    const char *reason() const { return err_; }
-    int line() const { return line_; }
-    int byte() const { return err_byte_; }
-
-private:
-    std::string_view data_;
-    struct uci_package *pkg_;
-    struct uci_section *cur_ = nullptr;
-
-    size_t next_ = 0; // first byte not yet read into a logical line
-    size_t ls_ = 0;   // start of the current logical line
-    size_t le_ = 0;   // end of what has been read of it
-    size_t pos_ = 0;  // cursor, ls_ <= pos_ <= le_
-    int line_ = 0;    // physical lines read that ended in LF
-    Stop stop_ = Stop::None;
-
-    const char *err_ = nullptr;
-    int err_byte_ = 0;
-    WordBuf word_;
-    WordBuf word2_;
-
-    bool at_end() const { return pos_ >= le_; }
-    unsigned char peek() const { return static_cast<unsigned char>(data_[pos_]); }
-
-    bool error(const char *reason, size_t at)
-    {
-        err_ = reason;
-        err_byte_ = static_cast<int>(at - ls_);
-        return false;
-    }
-
-    // Appends the next physical line to the logical line.
-    bool read_physical_line()
+    // Reads the next logical line; false at the end of the input.
+    bool start_line()
     {
         if (next_ >= data_.size())
             return false;
-        size_t lf = data_.find('\n', next_);
-        if (lf == std::string_view::npos) {
-            le_ = data_.size();
-        } else {
-            le_ = lf + 1;
-            line_++;
-        }
-        next_ = le_;
-        return true;
-    }
-
-    bool start_line()
-    {
-        ls_ = pos_ = next_;
+        buf_.clear();
+        pos_ = 0;
         stop_ = Stop::None;
-        return read_physical_line();
-    }
-
-    bool parse_line()
-    {
-        while (!at_end() && is_space(peek()))
-            pos_++;
-        if (at_end() || peek() == '#')
-            return true;
-        for (;;) {
-            if (!parse_command())
-                return false;
-            if (stop_ != Stop::EndCmd)
-                return true;
-            // After ';' only blanks are skipped: "x' ;" then the end of the
-            // line leaves an empty command, which is an invalid one.
-            stop_ = Stop::None;
-            while (!at_end() && is_blank(peek()))
-                pos_++;
-        }
-    }
-
-    bool parse_command()
-    {
-        size_t start = pos_;
-        while (!at_end() && !is_blank(peek()))
-            pos_++;
-        Keyword kw = keyword_of(sv_slice(data_, start, pos_ - start));
-        if (kw == Keyword::None)
-            return error(ERR_INVALID_COMMAND, start);
-        if (at_end()) {
-            // The keyword is the last text of a file without a final newline.
-            switch (kw) {
-            case Keyword::Package:
-                return error("package without name", start);
-            case Keyword::Config:
-                return error("config without name", start);
-            default:
-                return error("option without name", start);
-            }
-        }
-        pos_++; // the blank after the keyword
-        switch (kw) {
-        case Keyword::Package:
-            return cmd_package();
-        case Keyword::Config:
-            return cmd_config();
-        case Keyword::Option:
-        case Keyword::List:
-            if (!cur_)
-                return error(ERR_NO_SECTION, start);
-            return cmd_option(kw == Keyword::List);
-        default:
-            return error(ERR_INVALID_COMMAND, start);
-        }
+        read_line(); // reads nothing from a line that starts with NUL
+        return true;
     }
 
     // Reads one argument into out.  *present is false when the command has
     // no more arguments (end of line, comment or ';').
-    bool next_arg(WordBuf &out, bool *present)
+    bool next_arg(Buf &out, bool *present)
     {
         out.clear();
         *present = false;
@@ -229,9 +99,56 @@ private:
         return read_word(out);
     }
 
-    bool push(WordBuf &out, char c) { return out.push(c) || error(ERR_OOM, pos_); }
+    const char *reason() const { return err_; }
+    int line() const { return line_; }
+    int byte() const { return err_byte_; }
 
-    bool read_word(WordBuf &out)
+protected:
+    std::string_view data_;
+    size_t next_ = 0; // first byte of the input not yet read
+    Buf buf_;         // the logical line
+    size_t pos_ = 0;  // cursor in buf_
+    int line_ = 0;    // physical lines read up to their LF
+    Stop stop_ = Stop::None;
+    const char *err_ = nullptr;
+    int err_byte_ = 0;
+
+    bool at_end() const { return pos_ >= buf_.size(); }
+    unsigned char peek() const { return static_cast<unsigned char>(buf_[pos_]); }
+    bool oom() const { return buf_.failed(); }
+
+    bool error(const char *reason, size_t at)
+    {
+        err_ = reason;
+        err_byte_ = static_cast<int>(at);
+        return false;
+    }
+
+    // One read of a line reader that works on C strings: appends physical
+    // lines, each up to its first NUL, until one ends in LF or one reads as
+    // empty.  False when nothing was appended.
+    bool read_line()
+    {
+        size_t before = buf_.size();
+        while (next_ < data_.size()) {
+            size_t lf = data_.find('\n', next_);
+            size_t end = lf == std::string_view::npos ? data_.size() : lf + 1;
+            std::string_view text = sv_slice(data_, next_, end - next_);
+            next_ = end;
+            text = sv_slice(text, 0, text.find('\0'));
+            if (text.empty() || !buf_.append(text))
+                break;
+            if (text.back() == '\n') {
+                line_++;
+                break;
+            }
+        }
+        return buf_.size() > before;
+    }
+
+    bool push(Buf &out, char c) { return out.push(c) || error(ERR_OOM, pos_); }
+
+    bool read_word(Buf &out)
     {
         while (!at_end()) {
             unsigned char c = peek();
@@ -261,13 +178,21 @@ private:
         return true;
     }
 
-    bool read_single_quoted(WordBuf &out)
+    // The next character inside quotes, reading on at the end of the line.
+    bool quoted_char(char *c, const char *eof_reason)
+    {
+        if (at_end() && !read_line())
+            return error(oom() ? ERR_OOM : eof_reason, buf_.size());
+        *c = buf_[pos_++];
+        return true;
+    }
+
+    bool read_single_quoted(Buf &out)
     {
         pos_++;
-        for (;;) {
-            if (at_end() && !read_physical_line())
-                return error(ERR_EOF_SQ, le_);
-            char c = data_[pos_++];
+        for (char c;;) {
+            if (!quoted_char(&c, ERR_EOF_SQ))
+                return false;
             if (c == '\'')
                 return true;
             if (!push(out, c))
@@ -275,19 +200,17 @@ private:
         }
     }
 
-    bool read_double_quoted(WordBuf &out)
+    bool read_double_quoted(Buf &out)
     {
         pos_++;
-        for (;;) {
-            if (at_end() && !read_physical_line())
-                return error(ERR_EOF_DQ, le_);
-            char c = data_[pos_++];
+        for (char c;;) {
+            if (!quoted_char(&c, ERR_EOF_DQ))
+                return false;
             if (c == '"')
                 return true;
             if (c == '\\') {
-                if (at_end() && !read_physical_line())
-                    return error(ERR_EOF_DQ, le_);
-                c = data_[pos_++];
+                if (!quoted_char(&c, ERR_EOF_DQ))
+                    return false;
                 if (c == '\n')
                     continue; // backslash-newline joins the lines, dropping both
             }
@@ -297,7 +220,7 @@ private:
     }
 
     // Unquoted text up to white space, a quote, ';' or '#'.
-    bool read_unquoted(WordBuf &out)
+    bool read_unquoted(Buf &out)
     {
         while (!at_end()) {
             unsigned char c = peek();
@@ -319,12 +242,13 @@ private:
                 if (at_end())
                     return true; // backslash at the end of the input
                 unsigned char n = peek();
-                if (n == '\r' && pos_ + 1 < le_ && data_[pos_ + 1] == '\n')
+                if (n == '\r' && pos_ + 1 < buf_.size() && buf_[pos_ + 1] == '\n')
                     pos_++, n = '\n';
                 if (n == '\n') {
                     // Continuation: the next physical line joins this one.
                     pos_++;
-                    read_physical_line();
+                    if (!read_line() && oom())
+                        return error(ERR_OOM, pos_);
                     continue;
                 }
                 c = n;
@@ -335,9 +259,88 @@ private:
         }
         return true;
     }
+};
+
+// The configuration file grammar on top of the reader.
+class Parser : public Reader {
+public:
+    Parser(std::string_view data, struct uci_package *pkg)
+        : Reader(data), pkg_(pkg)
+    {
+    }
+
+    // 0, or UCI_ERR_PARSE / UCI_ERR_MEM with the reason recorded.
+    int run()
+    {
+        while (start_line()) {
+            if (oom() || !parse_line())
+                return oom() || err_ == ERR_OOM ? UCI_ERR_MEM : UCI_ERR_PARSE;
+        }
+        return UCI_OK;
+    }
+
+private:
+    struct uci_package *pkg_;
+    struct uci_section *cur_ = nullptr;
+    Buf word_;
+    Buf word2_;
+
+    bool parse_line()
+    {
+        while (!at_end() && is_space(peek()))
+            pos_++;
+        if (at_end() || peek() == '#')
+            return true;
+        for (;;) {
+            if (!parse_command())
+                return false;
+            if (stop_ != Stop::EndCmd)
+                return true;
+            // After ';' only blanks are skipped: "x' ;" then the end of the
+            // line leaves an empty command, which is an invalid one.
+            stop_ = Stop::None;
+            while (!at_end() && is_blank(peek()))
+                pos_++;
+        }
+    }
+
+    bool parse_command()
+    {
+        size_t start = pos_;
+        while (!at_end() && !is_blank(peek()))
+            pos_++;
+        Keyword kw = keyword_of(sv_slice(buf_.view(), start, pos_ - start));
+        if (kw == Keyword::None)
+            return error(ERR_INVALID_COMMAND, start);
+        if (at_end()) {
+            // The keyword is the last text of the input as C strings read it.
+            switch (kw) {
+            case Keyword::Package:
+                return error("package without name", start);
+            case Keyword::Config:
+                return error("config without name", start);
+            default:
+                return error("option without name", start);
+            }
+        }
+        pos_++; // the blank after the keyword
+        switch (kw) {
+        case Keyword::Package:
+            return cmd_package();
+        case Keyword::Config:
+            return cmd_config();
+        case Keyword::Option:
+        case Keyword::List:
+            if (!cur_)
+                return error(ERR_NO_SECTION, start);
+            return cmd_option(kw == Keyword::List);
+        default:
+            return error(ERR_INVALID_COMMAND, start);
+        }
+    }
 
     // Required argument: missing or empty is "insufficient arguments".
-    bool required_arg(WordBuf &out)
+    bool required_arg(Buf &out)
     {
         bool present;
         if (!next_arg(out, &present))
@@ -350,7 +353,7 @@ private:
     // No further (non-empty) argument may follow.
     bool no_more_args()
     {
-        WordBuf extra;
+        Buf extra;
         for (;;) {
             bool present;
             if (!next_arg(extra, &present))
@@ -457,6 +460,20 @@ int parse_file(struct uci_context *ctx, std::string_view data, std::string_view 
     }
     *out = pkg;
     return UCI_OK;
+}
+
+int for_each_delta_line(std::string_view data, bool (*use)(char *word, void *arg), void *arg)
+{
+    Reader reader(data);
+    Buf word;
+    int used = 0;
+    while (reader.start_line()) {
+        // One word per line; a line whose word does not read is skipped.
+        bool present;
+        if (reader.next_arg(word, &present) && present && word.push('\0') && use(word.data(), arg))
+            used++;
+    }
+    return used;
 }
 
 } // namespace uci_internal

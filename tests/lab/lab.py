@@ -389,10 +389,12 @@ def stamp(line):
     return float(next(t for t in line.split() if re.fullmatch(r'\d+\.\d+', t)))
 
 
-def ck_term(sent_before, copies):
+def ck_term(sent_before, copies, last=None):
     """The stop: no frame sent after the injected signal (sent_before went out
-    before it), no copy of the database started after it (copies in all)."""
+    before it), no copy of the database started after it (copies in all), and
+    nothing done after the moment it came (last: the line before the end line)."""
     def ck(r, lab):
+        check(last is None or r.count(last, len(r.msgs) - 2, len(r.msgs) - 1), 'went on after the signal to %r' % r.msgs[-2:])
         # The forked child's lines: prefixed with its PID under strace -f.
         lines = [l for l in ((r.read('strace-child.txt') or '') + (r.read('stdout.txt') or '')).splitlines()
                  if re.match(r'\d+\.\d+ ', l) or l.startswith('%d ' % r.status['child_pid'])]
@@ -515,15 +517,19 @@ ROWS = {
     # (the listing of br-lan's ports, the wait before the first ARP send, the
     # pause after the sends, the copy of the database, the first DISCOVER,
     # the loop waiting for the first poll, the result write).
-    'term_discovery': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(0, 0),
-                           **strace('getdents64')),
-    'term_arp_wait': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(0, 0), **strace('pselect6')),
-    'term_arp_pause': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(3, 0), **strace('poll')),
+    'term_discovery': dict(layout=TERM, args=['-d', '7'], result='placeholder', **strace('getdents64'),
+                           check=ck_term(0, 0, 'Parse network devices atrribute success, count:3')),
+    'term_arp_wait': dict(layout=TERM, args=['-d', '7'], result='placeholder', **strace('pselect6'),
+                          check=ck_term(0, 0, 'Entering function: send_arp_unicast_packet_blocked!')),
+    'term_arp_pause': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(3, 0, 'Send Arp packet success for: *eth2'),
+                           **strace('poll')),
     # The copy's shell waits too: only the daemon's child is traced here.
-    'term_copy': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(6, 1),
+    'term_copy': dict(layout=TERM, args=['-d', '7'], result='placeholder',
+                      check=ck_term(6, 1, 'Entering function: br_get_fdb!'),
                       strace_child='-ttt -e trace=wait4,sendto,clone,clone3,vfork,exit_group '
                                    '-e inject=wait4:signal=TERM:when=1'),
-    'term_send': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(7, 2), **strace('sendto', 7)),
+    'term_send': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(7, 2, 'Get device:eth1 , index=*'),
+                      **strace('sendto', 7)),
     'term_waiting': dict(layout=TERM, args=['-d', '7'], result='placeholder', check=ck_term(8, 2),
                          **strace('epoll_wait')),
     'term_write': dict(layout=TERM, args=['-d', '7'], result=['eth0', 'eth1'], check=ck_term_write,

@@ -33,6 +33,7 @@ TEST(Config, GetValue)
         std::string value, log;  // value "" and rc -1: the buffer is left untouched
     } rows[] = {
         {"network.lan.ifname", 0, "eth0 eth1", ""},
+        {"network.lan.ipaddr", 0, "10.0.0.1", ""},  // set with "uci set", not committed
         {"network.lan.long", 0, v70.substr(0, 64), ""},  // 64 characters and the terminator
         {"network.@interface[-1].ifname", 0, "eth9", ""},
         {"network.lan", -1, "", "Info: element type is not option:3\n"},
@@ -46,6 +47,7 @@ TEST(Config, GetValue)
     tk::in_netns([&] {
         tk::write_file("/etc/config/network", "config interface 'lan'\n\toption ifname 'eth0 eth1'\n\toption long '" +
                                                   v70 + "'\n\tlist dns 'a'\n\nconfig interface\n\toption ifname 'eth9'\n");
+        ASSERT_TRUE(tk::sh("mkdir /tmp/.uci && echo \"network.lan.ipaddr='10.0.0.1'\" > /tmp/.uci/network"));
         log_set_level(LOG_LEVEL_DEBUG);
         for (const auto &r : rows) {
             char value[UCI_ACCESS_BUF_SIZE + 1];
