@@ -1,26 +1,16 @@
 #!/usr/bin/python3
 """Crafted hosts for the lab, on raw packet sockets.
 
-  hosts.py respond --iface IF --mode MODE --ip A --pool A --dns A --br-mac M --events F --ready F
-      Behind a lab port: answers each DISCOVER with OFFERs built byte by byte.
-      plain        message type, server id, lease time, mask, router, DNS (two servers)
-      two-routers  the router option lists two routers (length 8)
-      pad-first    the options start with a pad byte
-      wrong-xid    an OFFER with the xid's bits inverted, then the right one
-      own-mac      an OFFER from br-lan's own MAC address, then one from this host
-      late         the first DISCOVER is ignored, later ones answered like plain
-      arp-short    like plain, and every ARP request is answered with a reply cut
-                   to 28 bytes (its sender address missing) from this host
-      Each DISCOVER and ARP request seen (with its whole frame) and each frame
-      sent is appended to --events as one JSON line.
-  hosts.py flood --iface IF --br-mac M --stats F
-      A hostile host: floods the port with DHCP replies that must all be
-      refused, and answers each DISCOVER with decoys carrying its xid (wrong
-      cookie, a request, port 67, TCP, cut frames, br-lan's MAC, oversized).
-      Prints "ready PID"; on SIGINT writes its counters to --stats.
-  hosts.py wait --port IF
-      In the router: prints "ready", then "seen" once a DHCP request has left IF
-      (or "none" after 20 s).
+respond: behind a lab port, answers each DISCOVER with OFFERs built byte by
+  byte (--mode plain, two-routers, pad-first, wrong-xid, own-mac, late: the
+  first ignored, arp-short: like plain, and every ARP request answered with a
+  reply cut to 28 bytes); every DISCOVER and ARP request seen (with its frame)
+  and every frame sent goes to --events as a JSON line.
+flood: a hostile host; floods the port with DHCP replies that must all be
+  refused, and answers each DISCOVER with decoys carrying its xid.  Prints
+  "ready PID"; on SIGINT writes its counters to --stats.
+wait: in the router, prints "ready", then "seen" once a DHCP request has left
+  --port (or "none" after 20 s).
 """
 import argparse
 import json
@@ -100,47 +90,38 @@ def flood(a):
     s = raw(a.iface)
     me, br = s.getsockname()[4][:6], bytes.fromhex(a.br_mac.replace(':', ''))
     rng, bad, gw = random.Random(), socket.inet_aton('10.66.66.66'), socket.inet_aton('10.66.66.1')
-    opts = opt(53, b'\x02') + opt(3, gw) + opt(6, gw) + b'\xff'
-    stats = {'sent': 0, 'discovers': 0, 'answers': 0}
+    stats = {'sent': 0, 'answers': 0}
 
     def done(*_):
-        with open(a.stats, 'w') as f:
-            json.dump(stats, f)
+        json.dump(stats, open(a.stats, 'w'))
         os._exit(0)
 
-    signal.signal(signal.SIGINT, done)
-
-    def send(f):
-        try:
-            s.send(f)
-            stats['sent'] += 1
-        except OSError:
-            pass
-
     def frame(src, dst, xid, **kw):
-        return dhcp_frame(src, dst, xid, bad, gw, opts, **kw)
+        return dhcp_frame(src, dst, xid, bad, gw, opt(53, b'\x02') + opt(3, gw) + opt(6, gw) + b'\xff', **kw)
 
+    def send(frames, answers=False):
+        for f in frames:
+            try:
+                s.send(f)
+                stats['sent'] += 1
+                stats['answers'] += answers
+            except OSError:
+                pass
+
+    signal.signal(signal.SIGINT, done)
     print('ready %d' % os.getpid(), flush=True)
-    next_junk = time.monotonic()
     while True:
-        if select.select([s], [], [], max(0.0, next_junk - time.monotonic()))[0]:
+        if select.select([s], [], [], 0.0005)[0]:
             f, addr = s.recvfrom(4096)
-            if is_discover(f, addr):
-                stats['discovers'] += 1
-                xid, ch = f[46:50], f[70:76]
-                decoys = [frame(me, ch, xid, cookie=b'\x63\x82\x53\x64'), frame(me, ch, xid, op=1),
-                          frame(me, ch, xid, dport=67), frame(me, ch, xid, proto=6),
-                          frame(me, ch, xid)[:281], frame(me, ch, xid)[:200], frame(br, ch, xid),
-                          frame(br, ch, xid, pad=1200)]
-                for d in decoys * 3:
-                    send(d)
-                    stats['answers'] += 1
+            if is_discover(f, addr):        # decoys with its xid, each refused for its own reason
+                x, ch = f[46:50], f[70:76]
+                send([frame(me, ch, x, cookie=b'\x63\x82\x53\x64'), frame(me, ch, x, op=1), frame(me, ch, x, dport=67),
+                      frame(me, ch, x, proto=6), frame(me, ch, x)[:281], frame(me, ch, x)[:200], frame(br, ch, x),
+                      frame(br, ch, x, pad=1200)] * 3, True)
             continue
-        xid, dst = rng.randbytes(4), rng.randbytes(6)
-        send(rng.choice([frame(me, dst, xid), frame(me, dst, xid, pad=1200),
-                         frame(me, dst, xid)[:rng.randrange(14, 282)], frame(br, dst, xid),
-                         frame(me, dst, xid, cookie=rng.randbytes(4)), rng.randbytes(rng.randrange(1, 1500))]))
-        next_junk = time.monotonic() + 0.0005
+        x, dst = rng.randbytes(4), rng.randbytes(6)
+        send([rng.choice([frame(me, dst, x), frame(me, dst, x, pad=1200), frame(me, dst, x)[:rng.randrange(14, 282)],
+                          frame(br, dst, x), frame(me, dst, x, cookie=rng.randbytes(4)), rng.randbytes(rng.randrange(1, 1500))])])
 
 
 def wait(a):

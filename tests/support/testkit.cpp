@@ -1,11 +1,10 @@
 #include "support/testkit.h"
 
-#include <sched.h>
+#include "support/namespaces.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,35 +19,6 @@
 
 namespace tk {
 
-namespace {
-
-// The child's set-up; on failure it says which step failed.
-const char *enter_namespaces()
-{
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0)
-        return "unshare";
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return "make / private";
-    // The inherited /sys shows the host's interfaces; a new one shows ours.
-    if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
-        return "sysfs";
-    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0)
-        return "tmpfs /tmp";
-    // /etc/config may not exist on the host: an overlay of /etc, whose upper
-    // layer lives in the new /tmp, lets it be made without touching the host.
-    if (mkdir("/tmp/.etc", 0700) != 0 || mkdir("/tmp/.etc/up", 0755) != 0 ||
-        mkdir("/tmp/.etc/work", 0755) != 0 ||
-        mount("overlay", "/etc", "overlay", 0,
-              "lowerdir=/etc,upperdir=/tmp/.etc/up,workdir=/tmp/.etc/work") != 0)
-        return "overlay /etc";
-    mkdir("/etc/config", 0755);
-    if (mount("tmpfs", "/etc/config", "tmpfs", 0, "mode=0755") != 0)
-        return "tmpfs /etc/config";
-    return sh("ip link set lo up") ? nullptr : "lo up";
-}
-
-}  // namespace
-
 void in_netns(const std::function<void()> &body)
 {
     // The child inherits the results recorded so far; only its own count.
@@ -59,7 +29,7 @@ void in_netns(const std::function<void()> &body)
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        if (const char *step = enter_namespaces()) {
+        if (const char *step = enter_namespaces(true)) {
             fprintf(stderr, "namespace set-up failed at: %s\n", step);
             fflush(nullptr);
             _exit(3);

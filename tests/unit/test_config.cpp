@@ -4,6 +4,9 @@
 
 #include <string.h>
 
+#include <functional>
+#include <regex>
+
 #include "core/lan_discovery.h"
 #include "support/log.h"
 #include "support/testkit.h"
@@ -14,14 +17,7 @@ namespace {
 // "Level: message" of every log line in out, prefix removed.
 std::string messages(const std::string &out)
 {
-    std::string msgs;
-    for (size_t pos = 0; (pos = out.find("[lanprobe][", pos)) != std::string::npos;) {
-        size_t body = out.find("]: ", pos), next = out.find("[lanprobe][", pos + 1);
-        msgs += out.substr(pos + 11, out.find(']', pos + 11) - pos - 11) + ": " +
-                out.substr(body + 3, (next == std::string::npos ? out.size() : next) - body - 3);
-        pos = body;
-    }
-    return msgs;
+    return std::regex_replace(out, std::regex(R"(\[lanprobe\]\[(\w+)\]\[-?\d+\]\[\w+:\d+\]: )"), "$1: ");
 }
 
 TEST(Config, GetValue)
@@ -59,6 +55,55 @@ TEST(Config, GetValue)
                       r.rc == 0 ? r.value : std::string(UCI_ACCESS_BUF_SIZE, '#')) << r.key;
             EXPECT_EQ(value[UCI_ACCESS_BUF_SIZE], '#') << r.key << ": written past 65 bytes";
         }
+    });
+}
+
+// The writing calls, one row each (nothing in the daemon calls them): the
+// commit forms, then the slot forms sharing one context.
+TEST(Config, WritingCalls)
+{
+    tk::in_netns([] {
+        tk::write_file("/etc/config/lanprobe", "config main 'cfg'\n\toption a '1'\n\tlist l 'x'\n");
+        log_set_level(LOG_LEVEL_DEBUG);
+        struct uci_context *ctx = nullptr;
+        const struct {
+            std::function<int()> call;
+            int rc;
+            const char *log;  // a line it logs
+        } rows[] = {
+            {[] { return _uci_set_value_commit("lanprobe.cfg.a", "2"); }, 0, "Info: Success to set lanprobe.cfg.a = 2 \n"},
+            {[] { return _uci_set_value_commit("lanprobe.nosec.a", "2"); }, -1,
+             "Error: fail to set ptr lanprobe.nosec.a (ret:2)\n"},
+            {[] { return _uci_add_list_commit("lanprobe", "cfg", "l", "y"); }, 0, "Debug: save l y\n"},
+            {[] { return _uci_del_add_list_commit("lanprobe", "cfg", "l", "x"); }, 0, "Debug: save l x\n"},
+            {[] { return _uci_delete_commit("lanprobe", "cfg", "a"); }, 0, "Debug: delete cfg a\n"},
+            {[] { return _uci_delete_commit("lanprobe", nullptr, "a"); }, -1, "Error: invalid parameter\n"},
+            {[&] { return _uci_set_value(&ctx, "lanprobe", "cfg", "b", "1"); }, 0,
+             "Info: Success to set lanprobe.cfg.b = 1, not commit yet\n"},
+            {[&] { return _uci_add_list(&ctx, "lanprobe", "cfg", "m", "z"); }, 0, "Debug: save m z\n"},
+            {[&] { return _uci_del_add_list(&ctx, "lanprobe", "cfg", "l", "y"); }, 0, "Debug: save l y\n"},
+            {[&] { return _uci_delete(&ctx, "lanprobe", "cfg", "b"); }, 0, "Debug: delete cfg b\n"},
+            {[&] {
+                 struct uci_package *p = uci_lookup_package(ctx, "lanprobe");
+                 return uci_commit(ctx, &p, false);
+             }, 0, ""},
+            // lanprobe is loaded in the context already: the load inside is a duplicate.
+            {[&] { return _uci_commit(ctx); }, -1, "Error: fail to commit lanprobe\n"},
+            // A failed change frees the context and clears the slot (a fresh one here).
+            {[&] {
+                 ctx = nullptr;
+                 int rc = _uci_set_value(&ctx, "lanprobe", "nosec", "z", "1");
+                 return ctx ? 0 : rc;
+             }, -1,
+             "Error: fail to set ptr lanprobe.nosec.z (ret:2)\n"},
+        };
+        for (const auto &r : rows) {
+            tk::Capture log;
+            EXPECT_EQ(r.call(), r.rc) << r.log;
+            std::string msgs = messages(log.text());
+            EXPECT_TRUE(*r.log ? tk::count(msgs, r.log) == 1 : msgs.empty()) << r.log << msgs;
+        }
+        EXPECT_EQ(tk::read_file("/etc/config/lanprobe"), "\nconfig main 'cfg'\n\tlist l 'x'\n\tlist l 'y'\n\tlist m 'z'\n\n");
     });
 }
 

@@ -75,15 +75,17 @@ TEST(Portability, LegacyBridgeRequests)
     ASSERT_EQ(g_bridge.blocks.size(), 1u);
     EXPECT_EQ(g_bridge.blocks[0], (std::vector<unsigned long>{BRCTL_GET_PORT_LIST, BR_PORT_LIST_SLOTS, 0}));
 
+    // Requests seen, as {request, records wanted, offset}: EAGAIN is retried
+    // up to ten attempts in all.
+    const std::vector<unsigned long> first{18, 64, 0};
     const struct {
         size_t records;
         int eagain, rc;
-        std::vector<std::vector<unsigned long>> blocks;  // request, wanted, offset
+        std::vector<std::vector<unsigned long>> blocks;
     } rows[] = {
-        {70, 0, 70, {{18, 64, 0}, {18, 64, 64}, {18, 64, 70}}},
-        {1, 9, 1, {{18, 64, 0}, {18, 64, 0}, {18, 64, 0}, {18, 64, 0}, {18, 64, 0}, {18, 64, 0},
-                   {18, 64, 0}, {18, 64, 0}, {18, 64, 0}, {18, 64, 0}, {18, 64, 1}}},
-        {1, 10, -1, std::vector<std::vector<unsigned long>>(10, {18, 64, 0})},  // ten EAGAIN: given up
+        {70, 0, 70, {first, {18, 64, 64}, {18, 64, 70}}},
+        {1, 9, 1, {first, first, first, first, first, first, first, first, first, first, {18, 64, 1}}},
+        {1, 10, -1, std::vector<std::vector<unsigned long>>(10, first)},
     };
     for (const auto &r : rows) {
         g_bridge = FakeBridge{};

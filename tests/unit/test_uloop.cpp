@@ -24,22 +24,19 @@ void note(const std::string &word)
     trace += (trace.empty() ? "" : " ") + word;
 }
 
-// A descriptor or a timer of a test, embedded the way the daemon embeds them.
+// A descriptor (on a pipe holding a byte) or a timer, embedded the way the
+// daemon embeds them.  An fd callback reads what is there (with drain), arms
+// its timer (with arm) or deletes victim; a timer re-arms itself, ends the
+// run, raises a signal or deletes its record's victim.
 struct Rec {
     struct uloop_fd ufd;
     struct uloop_timeout t;
     const char *name;
     int calls, rearm_left, rearm_ms, signo;
-    bool arm, end;      // fd callback: arm t at 0 ms; timer: end the run
-    bool drain;         // fd callback: read what is there
-    Rec *victim;        // deleted from the fd callback, or from t when armed
+    bool arm, end, drain;
+    Rec *victim;
     unsigned int events;
     bool registered, error, eof;
-    ~Rec()
-    {
-        uloop_timeout_cancel(&t);
-        uloop_fd_delete(&ufd);
-    }
 };
 static_assert(std::is_standard_layout_v<Rec>);
 
@@ -76,25 +73,20 @@ void on_fd(struct uloop_fd *u, unsigned int events)
         uloop_fd_delete(&r->victim->ufd);
 }
 
-// A record on the read end of a pipe that already holds a byte (fd < 0: a timer).
-Rec *make(const char *name, int fd = -1)
+Rec make(const char *name, bool with_fd = false)
 {
-    Rec *r = new Rec{};
-    r->name = name;
-    r->t.cb = on_timer;
-    r->ufd.fd = fd;
-    if (fd >= 0)
-        r->ufd.cb = on_fd;
-    r->drain = fd >= 0;
+    Rec r{};
+    r.name = name;
+    r.t.cb = on_timer;
+    if (with_fd) {
+        int p[2];
+        EXPECT_EQ(pipe(p), 0);
+        EXPECT_EQ(write(p[1], "x", 1), 1);  // the write end stays open: no hang-up
+        r.ufd.fd = p[0];
+        r.ufd.cb = on_fd;
+        r.drain = true;
+    }
     return r;
-}
-
-int ready_pipe()
-{
-    int p[2];
-    EXPECT_EQ(pipe(p), 0);
-    EXPECT_EQ(write(p[1], "x", 1), 1);
-    return p[0];  // the write end stays open: the read end never sees a hang-up
 }
 
 class Uloop : public ::testing::Test {
@@ -107,57 +99,41 @@ protected:
     void TearDown() override { uloop_done(); }
 };
 
-// Due timers run between any two descriptor callbacks of one batch.
-TEST_F(Uloop, PassOrderAndTimerOrder)
+TEST_F(Uloop, PassOrderTimerOrderRearm)
 {
-    Rec *fds[] = {make("fd1", ready_pipe()), make("fd2", ready_pipe()), make("fd3", ready_pipe())};
-    for (Rec *r : fds) {
-        r->arm = true;
-        ASSERT_EQ(uloop_fd_add(&r->ufd, ULOOP_READ), 0);
+    // Due timers run between any two descriptor callbacks of one batch.
+    Rec fds[] = {make("fd1", true), make("fd2", true), make("fd3", true)};
+    for (Rec &r : fds) {
+        r.arm = true;
+        ASSERT_EQ(uloop_fd_add(&r.ufd, ULOOP_READ), 0);
     }
-    fds[2]->end = true;
-    Rec *start = make("start");
-    uloop_timeout_set(&start->t, 0);
+    fds[2].end = true;
+    Rec start = make("start");
+    uloop_timeout_set(&start.t, 0);
     EXPECT_EQ(uloop_run(), 0);
     EXPECT_EQ(trace, "start fd1 tfd1 fd2 tfd2 fd3 tfd3");
-    for (Rec *r : fds)
-        delete r;
+    for (Rec &r : fds)
+        uloop_fd_delete(&r.ufd);
 
     // C, A, B at 50 ms, D at 20 ms, C again at 50 ms: D A B C (FIFO among equals).
     trace.clear();
-    Rec *c = make("C"), *a = make("A"), *b = make("B"), *d = make("D");
-    c->end = true;
-    for (Rec *r : {c, a, b})
+    Rec c = make("C"), a = make("A"), b = make("B"), d = make("D");
+    c.end = true;
+    for (Rec *r : {&c, &a, &b})
         uloop_timeout_set(&r->t, 50);
-    uloop_timeout_set(&d->t, 20);
-    uloop_timeout_set(&c->t, 50);
+    uloop_timeout_set(&d.t, 20);
+    uloop_timeout_set(&c.t, 50);
     EXPECT_EQ(uloop_run(), 0);
     EXPECT_EQ(trace, "D A B C");
-    for (Rec *r : {a, b, c, d, start})
-        delete r;
-}
 
-// An overdue re-arm runs again in the same pass; a pass ended by a timer still
-// runs the other due timers but no descriptor callback.
-TEST_F(Uloop, RearmAndEndFromTimer)
-{
-    Rec *again = make("r");
-    again->rearm_left = 3;
-    again->rearm_ms = -1;
-    uloop_timeout_set(&again->t, 0);
+    // Re-armed from its callback with an overdue time, a timer runs again in
+    // the same pass (the poll timer re-arms itself).
+    Rec again = make("r");
+    again.rearm_left = 3;
+    again.rearm_ms = -1;
+    uloop_timeout_set(&again.t, 0);
     uloop_run_timeout(0);
-    EXPECT_EQ(again->calls, 4);
-
-    trace.clear();
-    Rec *fd = make("fd", ready_pipe()), *t1 = make("t1"), *t2 = make("t2");
-    ASSERT_EQ(uloop_fd_add(&fd->ufd, ULOOP_READ), 0);
-    t1->end = true;
-    uloop_timeout_set(&t1->t, -2);
-    uloop_timeout_set(&t2->t, -1);
-    EXPECT_EQ(uloop_run(), 0);
-    EXPECT_EQ(trace, "t1 t2");
-    for (Rec *r : {again, fd, t1, t2})
-        delete r;
+    EXPECT_EQ(again.calls, 4);
 }
 
 // Two descriptors ready in one batch: the first one's callback (or a timer it
@@ -166,18 +142,17 @@ TEST_F(Uloop, DeletedInTheSameBatchIsNotCalled)
 {
     for (bool from_timer : {false, true}) {
         trace.clear();
-        Rec *a = make("a", ready_pipe()), *b = make("b", ready_pipe());
-        a->victim = b;
-        b->victim = a;
-        a->arm = b->arm = from_timer;
-        ASSERT_EQ(uloop_fd_add(&a->ufd, ULOOP_READ), 0);
-        ASSERT_EQ(uloop_fd_add(&b->ufd, ULOOP_READ), 0);
+        Rec a = make("a", true), b = make("b", true);
+        a.victim = &b;
+        b.victim = &a;
+        a.arm = b.arm = from_timer;
+        ASSERT_EQ(uloop_fd_add(&a.ufd, ULOOP_READ), 0);
+        ASSERT_EQ(uloop_fd_add(&b.ufd, ULOOP_READ), 0);
         for (int i = 0; i < 4; i++)
             uloop_run_timeout(0);
         EXPECT_EQ(trace, from_timer ? "a ta" : "a");
-        EXPECT_TRUE(a->ufd.registered && !b->ufd.registered);
-        delete a;
-        delete b;
+        EXPECT_TRUE(a.ufd.registered && !b.ufd.registered);
+        uloop_fd_delete(&a.ufd);
     }
 }
 
@@ -203,19 +178,18 @@ TEST_F(Uloop, ErrorAndHangupDelivery)
             shutdown(p[1], SHUT_WR);
         else
             ASSERT_EQ(write(p[1], "x", 1), 1);
-        Rec *w = make("w", p[0]);
-        w->drain = false;
-        ASSERT_EQ(uloop_fd_add(&w->ufd, r.flags), 0);
+        Rec w = make("w");
+        w.ufd.fd = p[0];
+        w.ufd.cb = on_fd;
+        ASSERT_EQ(uloop_fd_add(&w.ufd, r.flags), 0);
         if (!r.socket)
             close(p[1]);
         for (int i = 0; i < 5; i++)
             uloop_run_timeout(0);
-        EXPECT_EQ(w->calls, r.calls) << r.flags;
-        EXPECT_EQ(w->events, ULOOP_READ) << r.flags;
-        EXPECT_EQ(w->registered, r.registered) << r.flags;
-        EXPECT_EQ(w->error, r.error) << r.flags;
-        EXPECT_EQ(w->eof, r.eof) << r.flags;
-        delete w;
+        EXPECT_TRUE(w.calls == r.calls && w.events == ULOOP_READ && w.registered == r.registered &&
+                    w.error == r.error && w.eof == r.eof)
+            << r.flags << ": " << w.calls << " calls, registered " << w.registered << ", error " << w.error;
+        uloop_fd_delete(&w.ufd);
         close(p[0]);
         if (r.socket)
             close(p[1]);
@@ -235,20 +209,19 @@ TEST(UloopSignals, SigintEndsRunSigtermLeftAlone)
     ASSERT_EQ(pipe(out), 0);
     pid_t pid = fork();
     if (pid == 0) {
+        trace.clear();
         signal(SIGTERM, user_handler);
         uloop_init();
         struct sigaction term;
         sigaction(SIGTERM, nullptr, &term);
-        Rec *t = make("t"), *i = make("i");
-        t->signo = SIGTERM;
-        i->signo = SIGINT;
-        uloop_timeout_set(&t->t, 0);
-        uloop_timeout_set(&i->t, 10);
+        Rec t = make("t"), i = make("i");
+        t.signo = SIGTERM;
+        i.signo = SIGINT;
+        uloop_timeout_set(&t.t, 0);
+        uloop_timeout_set(&i.t, 10);
         int ret = uloop_run();
         note("ret=" + std::to_string(ret) + (term.sa_handler == user_handler ? " kept" : " replaced"));
-        if (write(out[1], trace.data(), trace.size()) < 0) {
-        }
-        _exit(0);
+        _exit(write(out[1], trace.data(), trace.size()) < 0);
     }
     close(out[1]);
     char buf[256] = {};
