@@ -1,7 +1,6 @@
 #include "arp/arp_packet.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
