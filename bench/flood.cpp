@@ -109,7 +109,7 @@ int main(int argc, char **argv)
     size_t size = 60;
     int batch = 0;
     uint8_t ucast[6] = {0x02, 0x1a, 0x00, 0x00, 0xee, 0x01};  // a MAC nobody has
-    for (int i = 1; i < argc; i++) {
+    for (int i = 1; i < argc; i += 2) {
         const char *a = argv[i];
         const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
         if (!v)
@@ -122,7 +122,6 @@ int main(int argc, char **argv)
         else if (!strcmp(a, "--ready")) ready = v;
         else if (!strcmp(a, "--unicast")) { if (!parse_mac(v, ucast)) usage(argv[0]); }
         else usage(argv[0]);
-        i++;
     }
     if (!iface || rate <= 0 || seconds <= 0 || size < 60 || size > 1514)
         usage(argv[0]);

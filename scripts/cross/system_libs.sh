@@ -7,30 +7,42 @@
 # libraries found by name under a prefix, nothing from compat/ directly.
 # With an architecture the same is done with its cross toolchain, the way an
 # OpenWrt build runs CMake: only the toolchain's root paths are searched.
-# Sourced by scripts/cross.sh; expects top, stage_root and jobs.
+# Sourced by scripts/cross.sh and scripts/package-check.sh after
+# scripts/cross/common.sh; expects top, stage_root and jobs.
+
+# toolchain_arg native|aarch64|mips: the cmake argument that selects the
+# architecture's toolchain file (none for a native build).
+toolchain_arg() {
+    [ "$1" = native ] || echo "-DCMAKE_TOOLCHAIN_FILE=$top/cmake/toolchains/$(triplet_of "$1").cmake"
+}
+
+# install_system_libs native|aarch64|mips <build dir> <prefix>: builds the
+# compat layer for the architecture in <build dir> and installs it into
+# <prefix> (include/, lib/) under the names libubox and libuci install.
+# Files of other packages already in the prefix are left alone.
+install_system_libs() {
+    iarch=$1 cbuild=$2 iprefix=$3
+    note "installing the compat layer as libubox/libuci into $iprefix"
+    # shellcheck disable=SC2046
+    LANPROBE_CROSS_STAGE="$stage_root" cmake -S "$top" -B "$cbuild" $(toolchain_arg "$iarch") \
+        -DLANPROBE_BUILD_TESTS=OFF -DLANPROBE_BUILD_BENCH=OFF >/dev/null
+    cmake --build "$cbuild" --target lanprobe_ubox lanprobe_uci -j "$jobs" >/dev/null
+    mkdir -p "$iprefix/include/libubox" "$iprefix/lib"
+    cp "$top/compat/include/libubox/uloop.h" "$top/compat/include/libubox/list.h" \
+        "$iprefix/include/libubox/"
+    cp "$top/compat/include/uci.h" "$top/compat/include/uci_config.h" "$iprefix/include/"
+    cp "$(find "$cbuild" -name liblanprobe_ubox.a)" "$iprefix/lib/libubox.a"
+    cp "$(find "$cbuild" -name liblanprobe_uci.a)" "$iprefix/lib/libuci.a"
+}
 
 # system_libs native|aarch64|mips
 system_libs() {
     sarch=$1
-    tc=""
-    if [ "$sarch" != native ]; then
-        tc="-DCMAKE_TOOLCHAIN_FILE=$top/cmake/toolchains/$(triplet_of "$sarch").cmake"
-    fi
+    tc=$(toolchain_arg "$sarch")
     prefix="$stage_root/system-libs-$sarch"
-    cbuild="$top/build-cross-compat-$sarch"
     sbuild="$top/build-cross-syslibs-$sarch"
-    note "installing the compat layer as libubox/libuci into $prefix"
-    # shellcheck disable=SC2086
-    LANPROBE_CROSS_STAGE="$stage_root" cmake -S "$top" -B "$cbuild" $tc \
-        -DLANPROBE_BUILD_TESTS=OFF >/dev/null
-    cmake --build "$cbuild" --target lanprobe_ubox lanprobe_uci -j "$jobs" >/dev/null
     rm -rf "$prefix"
-    mkdir -p "$prefix/include/libubox" "$prefix/lib"
-    cp "$top/compat/include/libubox/uloop.h" "$top/compat/include/libubox/list.h" \
-        "$prefix/include/libubox/"
-    cp "$top/compat/include/uci.h" "$top/compat/include/uci_config.h" "$prefix/include/"
-    cp "$(find "$cbuild" -name liblanprobe_ubox.a)" "$prefix/lib/libubox.a"
-    cp "$(find "$cbuild" -name liblanprobe_uci.a)" "$prefix/lib/libuci.a"
+    install_system_libs "$sarch" "$top/build-cross-compat-$sarch" "$prefix"
 
     note "building with -DLANPROBE_USE_SYSTEM_LIBS=ON -DLANPROBE_LIB_PREFIX=$prefix"
     rm -rf "$sbuild"
