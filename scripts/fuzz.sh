@@ -32,7 +32,7 @@ OUT=$(cd "$OUT" && pwd)
 case "$SECS" in ''|*[!0-9]*) echo "fuzz: seconds must be a number: $SECS" >&2; exit 2;; esac
 
 echo "== Building fuzz targets in $BUILD"
-CC=clang CXX=clang++ cmake -S "$TOP" -B "$BUILD" -DLANPROBE_FUZZ=ON -DLANPROBE_BUILD_BENCH=OFF \
+CC=clang CXX=clang++ cmake -S "$TOP" -B "$BUILD" -DLANPROBE_FUZZ=ON -DLANPROBE_BUILD_BENCH=OFF -DLANPROBE_WERROR=ON \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$OUT/cmake.log"
 cmake --build "$BUILD" -j2 --target $(for t in $TARGETS; do printf 'fuzz_%s ' "$t"; done) > "$OUT/build.log" \
     || { tail -n 30 "$OUT/build.log" >&2; exit 2; }

@@ -32,7 +32,7 @@ cd "$BUILD"
 # footprint_binary checks the size and the symbols of the release binary; an
 # instrumented binary says nothing about either.
 status=0
-ctest --output-on-failure -j1 -E '^footprint_binary$' "$@" || status=$?
+ctest --output-on-failure -E '^footprint_binary$' "$@" || status=$?
 end=$(date +%s)
 echo "sanitized tests: build $((built - start)) s, tests $((end - built)) s, status $status"
 exit $status

@@ -6,7 +6,9 @@
 #   2. the same suite from an ASan + UBSan build (the lab rows then run the
 #      sanitized daemon);
 #   3. a short run of every fuzz target;
-#   4. the AArch64 cross build with its unit tests under qemu-user
+#   4. the daemon in every build type with gcc and clang, warnings as errors;
+#   5. the OpenWrt package recipe run against a staging prefix;
+#   6. the AArch64 cross build with its unit tests under qemu-user
 #      (big-endian MIPS: `sh scripts/cross.sh mips`, see docs/PORTABILITY.md).
 # Every step runs; the script fails if any step failed.
 set -u
@@ -28,13 +30,17 @@ step() {
     fi
 }
 
+# Three tests at a time: every lab row runs in namespaces of its own and
+# mostly waits on the daemon's timers.
 release_suite() {
-    BUILD_DIR="$top/build" "$top/scripts/build.sh" && (cd "$top/build" && ctest --output-on-failure -j1)
+    BUILD_DIR="$top/build" "$top/scripts/build.sh" && (cd "$top/build" && ctest --output-on-failure -j3)
 }
 
 step release-suite release_suite
-step sanitized-suite bash "$top/scripts/test-sanitized.sh"
+step sanitized-suite bash "$top/scripts/test-sanitized.sh" -j3
 step fuzz-short bash "$top/scripts/fuzz.sh" 8
+step build-matrix sh "$top/scripts/build-matrix.sh" native
+step package-check sh "$top/scripts/package-check.sh" native
 step cross-aarch64 sh "$top/scripts/cross.sh" aarch64
 
 [ -z "$failed_steps" ] || echo "failed steps:$failed_steps"
