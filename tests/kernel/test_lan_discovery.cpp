@@ -1,5 +1,6 @@
 // LAN interface discovery against a real bridge (or its absence) and fixture
 // UCI files, each case in network and mount namespaces of its own.
+#include <errno.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -175,8 +176,8 @@ TEST(LanDiscoveryTest, ConfigurationListFallback)
     const ListCase cases[] = {
         {"no bridge: legacy walk fails, list read", false, "eth0 eth1  eth2", 3, 3,
          list_table({"eth0", "eth1", "eth2"}),
-         {{"list ports for bridge:'br-lan' failed: No such device\n", 1},
-          {" Can't get port info: No such device\n", 1},
+         {{std::string("list ports for bridge:'br-lan' failed: ") + strerror(ENODEV) + "\n", 1},
+          {std::string(" Can't get port info: ") + strerror(ENODEV) + "\n", 1},
           {"Parse lan devices(1 totoal) name: eth0\n", 1},
           {"Parse lan devices(2 totoal) name: eth1\n", 1},
           {"Parse lan devices(3 totoal) name: eth2\n", 1},

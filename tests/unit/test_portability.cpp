@@ -50,6 +50,7 @@ struct FakeBridge {
     std::vector<std::pair<unsigned long, int>> port_slots;  // slot -> ifindex
     std::vector<Record> fdb;
     int eagain = 0;                   // answer EAGAIN this many times first
+    int fail_errno = 0;               // then fail every request with this error
 };
 
 FakeBridge g_bridge;
@@ -88,6 +89,10 @@ int FakeBridgeIoctl(struct ifreq *ifr)
     if (g_bridge.eagain > 0) {
         g_bridge.eagain--;
         errno = EAGAIN;
+        return -1;
+    }
+    if (g_bridge.fail_errno != 0) {
+        errno = g_bridge.fail_errno;
         return -1;
     }
     switch (args[0]) {
@@ -258,6 +263,50 @@ TEST_F(Portability, FdbRetriesWhileTheBridgeIsBusy)
             EXPECT_EQ(g_bridge.blocks.size(), c.requests);
             free(fdb);
         }
+    });
+}
+
+// The log lines of failed bridge requests carry strerror() of the C library
+// the daemon runs on, inside the daemon's own text.  EOPNOTSUPP is what the
+// kernel answers for a device that is no bridge, and glibc ("Operation not
+// supported") and musl ("Not supported") word it differently.
+TEST_F(Portability, FailedBridgeRequestsLogTheLibraryErrorText)
+{
+    lptest::run_in_netns([] {
+        g_bridge.name = "lpfake0";
+        g_bridge.fail_errno = EOPNOTSUPP;
+        log_set_level(LOG_LEVEL_ERROR);
+
+        lptest::StdoutCapture cap;
+        t_device *head = nullptr;
+        const int ports = update_brlan_dev_from_sys("lpfake0", &head);
+        t_fdb_entry *fdb = nullptr;
+        const int records = get_bridge_table("lpfake0", &fdb);
+        const std::string log = cap.stop();
+        free(fdb);
+
+        EXPECT_EQ(ports, -EOPNOTSUPP);
+        EXPECT_EQ(head, nullptr);
+        EXPECT_EQ(records, -1);
+        // One port-list request, then one forwarding-database request.
+        ASSERT_EQ(g_bridge.blocks.size(), 2u);
+        EXPECT_EQ(g_bridge.blocks[0][0], static_cast<unsigned long>(BRCTL_GET_PORT_LIST));
+        EXPECT_EQ(g_bridge.blocks[1][0], static_cast<unsigned long>(BRCTL_GET_FDB_ENTRIES));
+
+        const std::string text = strerror(EOPNOTSUPP);
+        const std::string lines[] = {
+            "]: list ports for bridge:'lpfake0' failed: " + text + "\n",
+            "]:  Can't get port info: " + text + "\n",
+            "]: read of forward table failed: " + text + "\n",
+        };
+        size_t last = 0;
+        for (const std::string &line : lines) {
+            EXPECT_EQ(lptest::count_of(log, line), 1u) << line << "\nin:\n" << log;
+            const size_t at = lptest::pos_of(log, line);
+            EXPECT_TRUE(at != std::string::npos && at >= last) << line << "\nin:\n" << log;
+            last = at == std::string::npos ? last : at;
+        }
+        EXPECT_EQ(lptest::count_of(log, "[lanprobe][Error]"), 3u) << log;
     });
 }
 
