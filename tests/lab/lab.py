@@ -433,10 +433,6 @@ def edit_switch(data):
     return edit
 
 
-def edit_network(d):
-    open(os.path.join(d, 'network'), 'wb').write(b'\x00\xff' * 2000)
-
-
 def strace(call, when=1):
     # Only the forked child makes these calls, so the parent is never hit.
     return {'strace': '-ttt -e trace=%s,sendto,clone,clone3,vfork,exit_group -e inject=%s:signal=TERM:when=%d'
@@ -483,7 +479,6 @@ ROWS = {
                          config=edit_switch(b"config switch_port\n\tlist port '1'\n\toption ifname 'eth0'\n\n"
                                             b"config switch_port\n\toption port '2'\n\toption ifname 'eth0'\n"
                                             b"\toption label '" + b'L' * 300 + b"'\n")),
-    'network_garbage': dict(layout=ANSWER, args=['-d', '7'], config=edit_network, result=['eth0'], end='answered'),
     'tmp_blocks': dict(layout=ANSWER, args=['-d', '7'], tmp_full='blocks', console_log=True, end='answered',
                        result='any', check=ck_tmp('blocks')),
     'tmp_inodes': dict(layout=ANSWER, args=['-d', '7'], tmp_full='inodes', console_log=True, end='answered',

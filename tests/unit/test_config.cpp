@@ -72,8 +72,6 @@ TEST(Config, WritingCalls)
             const char *log;  // a line it logs
         } rows[] = {
             {[] { return _uci_set_value_commit("lanprobe.cfg.a", "2"); }, 0, "Info: Success to set lanprobe.cfg.a = 2 \n"},
-            {[] { return _uci_set_value_commit("lanprobe.nosec.a", "2"); }, -1,
-             "Error: fail to set ptr lanprobe.nosec.a (ret:2)\n"},
             {[] { return _uci_add_list_commit("lanprobe", "cfg", "l", "y"); }, 0, "Debug: save l y\n"},
             {[] { return _uci_del_add_list_commit("lanprobe", "cfg", "l", "x"); }, 0, "Debug: save l x\n"},
             {[] { return _uci_delete_commit("lanprobe", "cfg", "a"); }, 0, "Debug: delete cfg a\n"},

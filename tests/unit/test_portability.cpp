@@ -15,6 +15,7 @@
 #include "bridge/br_port.h"
 #include "bridge/fdb.h"
 #include "support/log.h"
+#include "support/testkit.h"
 
 extern "C" int __real_ioctl(int fd, unsigned long request, ...);
 
@@ -23,6 +24,7 @@ namespace {
 struct FakeBridge {
     std::vector<std::vector<unsigned long>> blocks;  // every request seen
     int eagain = 0;                                  // answer EAGAIN this often first
+    int fail = 0;                                    // then fail with this error
     size_t records = 0;                              // forwarding database size
 } g_bridge;
 
@@ -39,8 +41,8 @@ extern "C" int __wrap_ioctl(int fd, unsigned long request, ...)
         return __real_ioctl(fd, request, arg);
     unsigned long *w = reinterpret_cast<unsigned long *>(ifr->ifr_data);
     g_bridge.blocks.push_back({w[0], w[2], w[3]});
-    if (g_bridge.eagain > 0 && g_bridge.eagain--) {
-        errno = EAGAIN;
+    if ((g_bridge.eagain > 0 && g_bridge.eagain--) || g_bridge.fail) {
+        errno = g_bridge.fail ? g_bridge.fail : EAGAIN;
         return -1;
     }
     if (w[0] == BRCTL_GET_PORT_LIST) {  // slot 3 holds the loopback interface
@@ -98,6 +100,22 @@ TEST(Portability, LegacyBridgeRequests)
             EXPECT_TRUE(fdb[i].mac_addr[5] == i && fdb[i].port_no == 1 + i % 3 && !fdb[i].is_local) << i;
         free(fdb);
     }
+
+    // A failed request logs the C library's own text inside the daemon's
+    // (EOPNOTSUPP: "Operation not supported" in glibc, "Not supported" in musl).
+    g_bridge = FakeBridge{};
+    g_bridge.fail = EOPNOTSUPP;
+    log_set_level(LOG_LEVEL_ERROR);
+    tk::Capture out;
+    t_device *head = nullptr;
+    t_fdb_entry *fdb = nullptr;
+    EXPECT_EQ(update_brlan_dev_from_sys("brX", &head), -EOPNOTSUPP);
+    EXPECT_EQ(get_bridge_table("brX", &fdb), -1);
+    free(fdb);
+    const std::string log = out.text(), e = strerror(EOPNOTSUPP);
+    for (const std::string &line : {"list ports for bridge:'brX' failed: " + e, " Can't get port info: " + e,
+                                    "read of forward table failed: " + e})
+        EXPECT_EQ(tk::count(log, "]: " + line + "\n"), 1u) << log;
 }
 
 }  // namespace
