@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdint.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -13,11 +14,12 @@ volatile sig_atomic_t g_requested;
 volatile sig_atomic_t g_own;
 int g_pipe[2] = {-1, -1};
 
-long now_ms()
+// 64 bits: a 32-bit long counts milliseconds of uptime for only 24.8 days.
+int64_t now_ms()
 {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 }  // namespace
@@ -87,10 +89,10 @@ void term_pause_ms(unsigned int ms)
 {
     // poll() on the pipe alone is a sleep that a stop request cuts short;
     // other signals (SIGCHLD, SIGINT of the loop) only shorten one round.
-    long end = now_ms() + static_cast<long>(ms);
+    const int64_t end = now_ms() + ms;
     for (;;) {
         term_act_if_requested();
-        long left = end - now_ms();
+        const int64_t left = end - now_ms();
         if (left <= 0)
             return;
         struct pollfd pfd = {g_pipe[0], POLLIN, 0};
