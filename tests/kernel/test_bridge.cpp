@@ -46,7 +46,9 @@ std::string walk(int *rc, std::string *log)
     return s;
 }
 
-TEST(Bridge, PortWalk)
+// The sysfs walk (legacy false), or the legacy one: qemu-user cannot pass its
+// request on, so the cross runs under qemu take only the sysfs rows.
+void port_walk(bool legacy)
 {
     std::vector<std::string> many;
     for (int i = 0; i < 101; i++)
@@ -55,7 +57,7 @@ TEST(Bridge, PortWalk)
         std::vector<std::string> ports;
         bool hide_brif;
         int rc;
-        std::string table, log;  // the table's first four records and one log line
+        std::string table, log;  // the table's first records (rc says how many) and one log line
     } rows[] = {
         // eth* first, strcoll within; positions count "." and ".."; port_no from sysfs (hex).
         {{"eth1", "lan2", "eth0", "wlan0"}, false, 4, "eth0:1:3 eth1:2:1 lan2:5:2 wlan0:6:4",
@@ -69,6 +71,8 @@ TEST(Bridge, PortWalk)
                                  strerror(19) + "\n"},
     };
     for (const auto &r : rows) {
+        if (legacy != (r.hide_brif || r.rc < 0))
+            continue;
         tk::in_netns([&] {
             if (r.rc >= 0)
                 make_bridge(r.ports);
@@ -79,14 +83,14 @@ TEST(Bridge, PortWalk)
             int rc;
             std::string log, table = walk(&rc, &log);
             EXPECT_EQ(rc, r.rc);
-            size_t cut = 0;
-            for (int i = 0; i < 4 && cut != std::string::npos; i++)
-                cut = table.find(' ', cut + 1);
-            EXPECT_EQ(table.substr(0, cut), r.table);
+            EXPECT_EQ(table.substr(0, r.table.size()), r.table);
             EXPECT_EQ(tk::count(log, "[lanprobe]" + r.log), 1u) << log;
         });
     }
 }
+
+TEST(Bridge, PortWalk) { port_walk(false); }
+TEST(Bridge, LegacyPortWalk) { port_walk(true); }
 
 struct Rec {
     uint8_t port, local;

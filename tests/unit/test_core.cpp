@@ -148,7 +148,6 @@ TEST(DeviceList, OrderDuplicatesRemoval)
         {false, 2, LP_OK, "d4 d1 d3 d0", "Success remove dev:d2 from list!\n"},
         {false, 2, LP_ERR_NOT_FOUND, "d4 d1 d3 d0", ""},
         {false, 0, LP_OK, "d4 d1 d3", "Success remove dev:d0 from list!\n"},
-        {true, 5, LP_OK, "d4 d1 d3 d5", ""},
     };
     log_set_level(LOG_LEVEL_DEBUG);
     t_device_list head{};
@@ -167,7 +166,6 @@ TEST(DeviceList, OrderDuplicatesRemoval)
     }
     free_device_list(&head);
     EXPECT_EQ(head.next, nullptr);
-    EXPECT_EQ(add_unique_device_inorder_to_list(nullptr, &devs[0]), LP_ERR_INVALID);
 }
 
 }  // namespace
