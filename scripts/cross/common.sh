@@ -93,17 +93,22 @@ deps_mips() {
             -DBUILD_TESTING=OFF -DDISABLE_WERROR=ON -DBUILD_SHARED_LIBS=ON -DBUILD_STATIC_LIBS=ON
         basename "$jsrc" > "$stage/.json-c.done"
     fi
-    if [ ! -f "$stage/include/uthash.h" ]; then
-        # Header-only and the same for every target.
-        mkdir -p "$stage/include"
+    stage_uthash_gtest "$stage" "$toolchain"
+}
+
+# stage_uthash_gtest <stage> <toolchain>: the uthash headers (header-only, the
+# same for every target) and GoogleTest from /usr/src/googletest built with
+# the target's toolchain, each once per stage.
+stage_uthash_gtest() {
+    if [ ! -f "$1/include/uthash.h" ]; then
+        mkdir -p "$1/include"
         cp /usr/include/uthash.h /usr/include/utlist.h /usr/include/utarray.h \
-            /usr/include/utstring.h "$stage/include/"
+            /usr/include/utstring.h "$1/include/"
     fi
-    if [ ! -f "$stage/.gtest.done" ]; then
+    if [ ! -f "$1/.gtest.done" ]; then
         note "building GoogleTest from /usr/src/googletest"
-        stage_cmake googletest /usr/src/googletest "$stage" "$toolchain" \
-            -DBUILD_GMOCK=OFF -DINSTALL_GTEST=ON
-        touch "$stage/.gtest.done"
+        stage_cmake googletest /usr/src/googletest "$1" "$2" -DBUILD_GMOCK=OFF -DINSTALL_GTEST=ON
+        touch "$1/.gtest.done"
     fi
 }
 

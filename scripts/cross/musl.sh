@@ -120,17 +120,8 @@ deps_musl() {
             -DBUILD_TESTING=OFF -DDISABLE_WERROR=ON -DBUILD_SHARED_LIBS=ON -DBUILD_STATIC_LIBS=ON
         basename "$jsrc" > "$stage/.json-c.done"
     fi
-    if [ ! -f "$stage/include/uthash.h" ]; then
-        mkdir -p "$stage/include"
-        cp /usr/include/uthash.h /usr/include/utlist.h /usr/include/utarray.h \
-            /usr/include/utstring.h "$stage/include/"
-    fi
-    if [ ! -f "$stage/.gtest.done" ]; then
-        note "$arch: building GoogleTest from /usr/src/googletest (zig builds its libc++ for the target first)"
-        stage_cmake googletest /usr/src/googletest "$stage" "$toolchain" \
-            -DBUILD_GMOCK=OFF -DINSTALL_GTEST=ON
-        touch "$stage/.gtest.done"
-    fi
+    # For GoogleTest zig builds its libc++ for the target first.
+    stage_uthash_gtest "$stage" "$toolchain"
 }
 
 # The GoogleTest programs of a configured build, read from the discovery step
