@@ -152,6 +152,8 @@ TEST(Config, SwitchPortsAndConfiguredList)
                 ports += std::string(ports.empty() ? "" : " ") + d->name + ":" + std::to_string(d->port) + ":" +
                          std::string(d->label, strnlen(d->label, sizeof(d->label)));
             EXPECT_EQ(ports, r.ports);
+            if (table.dev_hashmap_head)
+                release_all_device(&table.dev_hashmap_head);
         });
     }
 }
