@@ -163,9 +163,9 @@ class Run:
         return [dict(e) for e in doc[0][1]], [[k for k, _ in e] for e in doc[0][1]]
 
 
-def expect_entry(e, keys, spec):
-    """spec: 'eth<n>' with ':nogw' / ':nodns', or ':label=TEXT'."""
-    name, *flags = spec.split(':')
+def expect_entry(e, keys, port):
+    """port: 'eth<n>' with ':nogw' / ':nodns', or ':label=TEXT'."""
+    name, *flags = port.split(':')
     n = int(name[3:])
     label = next((f[6:] for f in flags if f.startswith('label=')), 'LAN%d' % (n + 1))
     pool = ['192.168.1.%d' % (100 + 20 * n + i) for i in range(20)]
@@ -605,8 +605,8 @@ def run_row(name, opts):
             elif isinstance(res, list):
                 entries, keys = r.entries()
                 check([e['name'] for e in entries] == [s.split(':')[0] for s in res], 'ports in the result: %r' % r.raw)
-                for e, k, spec in zip(entries, keys, res):
-                    expect_entry(e, k, spec)
+                for e, k, port in zip(entries, keys, res):
+                    expect_entry(e, k, port)
             elif res == 'any' and r.raw not in ('time 19', '', None):
                 r.entries()
             for line in row.get('lines', []):
