@@ -9,12 +9,6 @@
 #include "dhcp/dhcp_offer.h"
 #include "fuzz/sandbox.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::enter_sandbox();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::Reader in(data, size);

@@ -39,19 +39,13 @@ std::string tree(struct uci_package *p)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::enter_sandbox();
-    mkdir("/tmp/rt", 0755);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const char *nl = static_cast<const char *>(memchr(data, '\n', size));
     if (!nl || nl - reinterpret_cast<const char *>(data) > 200 || size > 65536)
         return 0;
     std::string key(reinterpret_cast<const char *>(data), nl), text(nl + 1, reinterpret_cast<const char *>(data) + size);
+    mkdir("/tmp/rt", 0755);
     for (const char *path : {"/etc/config/network", "/etc/config/switch", "/tmp/rt/pkg"}) {
         FILE *f = fopen(path, "w");
         FUZZ_CHECK(f && fwrite(text.data(), 1, text.size(), f) == text.size() && fclose(f) == 0);

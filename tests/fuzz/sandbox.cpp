@@ -39,3 +39,10 @@ int open_fds()
 }
 
 }  // namespace fuzz
+
+// Every target enters the sandbox before its first input.
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    fuzz::enter_sandbox();
+    return 0;
+}

@@ -1,4 +1,5 @@
-// What every fuzz target shares: a private sandbox entered once (new mount
+// What every fuzz target shares: a private sandbox entered before the first
+// input (LLVMFuzzerInitialize is defined here; new mount
 // namespace, fresh /tmp and /etc/config; the targets need root), the log
 // formatted in full but thrown away (FUZZ_SHOW_LOG=1 keeps it), a reader of
 // the input, and checks that abort so that libFuzzer keeps the input.
