@@ -88,8 +88,7 @@ stage() {
     esac
     cp -R "$jinc" "$sdir/usr/include/"
     cp -P "$jlib"/libjson-c.so* "$sdir/usr/lib/"
-    cp /usr/include/uthash.h /usr/include/utlist.h /usr/include/utarray.h \
-        /usr/include/utstring.h "$sdir/usr/include/"
+    copy_uthash "$sdir/usr/include"
 }
 
 # check_variant <variant>: stage, run the recipe, check.

@@ -22,21 +22,6 @@ constexpr const char *error_text[] = {
 };
 static_assert(sizeof(error_text) / sizeof(error_text[0]) == UCI_ERR_LAST, "one text per error code");
 
-// An entry of the delta search path: an element named after the directory.
-struct uci_element *path_element_new(const char *dir)
-{
-    auto *e = static_cast<struct uci_element *>(calloc(1, sizeof(struct uci_element)));
-    if (!e)
-        return nullptr;
-    e->type = UCI_TYPE_PATH;
-    e->name = strdup(dir);
-    if (!e->name) {
-        free(e);
-        return nullptr;
-    }
-    return e;
-}
-
 bool set_dir(char **slot, const char *dir)
 {
     char *copy = strdup(dir);
@@ -337,7 +322,7 @@ struct uci_context *uci_alloc_context(void)
     ctx->savedir = strdup(UCI_SAVEDIR);
     ctx->conf2dir = strdup(UCI_CONF2DIR);
     // The delta search path starts with the save directory.
-    struct uci_element *path = path_element_new(UCI_SAVEDIR);
+    struct uci_element *path = element_new(UCI_TYPE_PATH, UCI_SAVEDIR);
     if (path)
         list_add_tail(&ctx->delta_path, &path->list);
     if (!ctx->confdir || !ctx->savedir || !ctx->conf2dir || !path) {
@@ -351,11 +336,7 @@ void uci_free_context(struct uci_context *ctx)
 {
     struct uci_element *e, *tmp;
     uci_foreach_element_safe(&ctx->root, tmp, e) free_package(uci_to_package(e));
-    uci_foreach_element_safe(&ctx->delta_path, tmp, e)
-    {
-        free(e->name);
-        free(e);
-    }
+    uci_foreach_element_safe(&ctx->delta_path, tmp, e) free_item(e);
     free(ctx->pctx);
     free(ctx->confdir);
     free(ctx->savedir);
@@ -365,27 +346,21 @@ void uci_free_context(struct uci_context *ctx)
 
 int uci_set_confdir(struct uci_context *ctx, const char *dir)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!dir)
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, dir))
+        return rc;
     return set_dir(&ctx->confdir, dir) ? UCI_OK : fail(ctx, UCI_ERR_MEM);
 }
 
 int uci_set_savedir(struct uci_context *ctx, const char *dir)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!dir)
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, dir))
+        return rc;
     // The directory moves to the end of the delta search path, or joins it
     // there; the ones before it stay.
     struct uci_element *e = find_element(&ctx->delta_path, dir);
     if (e)
         list_unlink(&e->list);
-    else if (!(e = path_element_new(dir)))
+    else if (!(e = element_new(UCI_TYPE_PATH, dir)))
         return fail(ctx, UCI_ERR_MEM);
     list_add_tail(&ctx->delta_path, &e->list);
     return set_dir(&ctx->savedir, dir) ? UCI_OK : fail(ctx, UCI_ERR_MEM);
@@ -393,42 +368,32 @@ int uci_set_savedir(struct uci_context *ctx, const char *dir)
 
 int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
+    if (int rc = begin_call(ctx, true))
+        return rc;
     int rc = load_package(ctx, name, package);
     return rc == UCI_OK ? UCI_OK : fail(ctx, rc);
 }
 
 int uci_unload(struct uci_context *ctx, struct uci_package *p)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!p)
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, p))
+        return rc;
     free_package(p);
     return UCI_OK;
 }
 
 int uci_lookup_next(struct uci_context *ctx, struct uci_element **e, struct uci_list *list, const char *name)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!e || !list || !name)
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, e && list && name))
+        return rc;
     *e = find_element(list, name);
     return *e ? UCI_OK : fail(ctx, UCI_ERR_NOTFOUND);
 }
 
 int uci_lookup_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str, bool extended)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!ptr)
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, ptr))
+        return rc;
     if (str) {
         int rc = parse_ptr(ptr, str);
         if (rc != UCI_OK)

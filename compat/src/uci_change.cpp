@@ -105,14 +105,13 @@ int set_section(struct uci_ptr *ptr)
     return ptr->s ? UCI_OK : UCI_ERR_MEM;
 }
 
-// The entry of every change call: forget the previous error, check the
-// pointer (and its value where the change needs one) and run the lookup if the
-// caller filled the pointer by hand.  A failure is recorded and returned.
+// The entry of every change call (begin_call): check the pointer (and its
+// value where the change needs one), then run the lookup if the caller
+// filled the pointer by hand.  A failure is recorded and returned.
 int start_change(struct uci_context *ctx, struct uci_ptr *ptr, bool needs_value)
 {
-    clear_error(ctx);
-    if (!ptr || (needs_value && !ptr->value))
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, ptr && (!needs_value || ptr->value)))
+        return rc;
     int rc = ensure_lookup(ctx, ptr);
     return rc == UCI_OK ? UCI_OK : fail(ctx, rc);
 }
@@ -123,8 +122,6 @@ extern "C" {
 
 int uci_set(struct uci_context *ctx, struct uci_ptr *ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     int rc = start_change(ctx, ptr, true);
     if (rc != UCI_OK)
         return rc;
@@ -143,8 +140,6 @@ int uci_set(struct uci_context *ctx, struct uci_ptr *ptr)
 
 int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     int rc = start_change(ctx, ptr, false);
     if (rc != UCI_OK)
         return rc;
@@ -156,8 +151,6 @@ int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr)
 
 int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     int rc = start_change(ctx, ptr, true);
     if (rc != UCI_OK)
         return rc;
@@ -178,8 +171,6 @@ int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr)
 
 int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     int rc = start_change(ctx, ptr, true);
     if (rc != UCI_OK)
         return rc;

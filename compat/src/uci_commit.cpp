@@ -173,11 +173,8 @@ extern "C" {
 
 int uci_commit(struct uci_context *ctx, struct uci_package **p, bool overwrite)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!p || !*p || !(*p)->path)
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, p && *p && (*p)->path))
+        return rc;
     int rc = commit(ctx, p, overwrite);
     return rc == UCI_OK ? UCI_OK : fail(ctx, rc);
 }

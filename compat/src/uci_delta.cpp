@@ -207,11 +207,8 @@ extern "C" {
 
 int uci_save(struct uci_context *ctx, struct uci_package *p)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    clear_error(ctx);
-    if (!p)
-        return fail(ctx, UCI_ERR_INVAL);
+    if (int rc = begin_call(ctx, p))
+        return rc;
     // A package loaded by path has no delta file: its file is written at once.
     if (!p->has_delta)
         return uci_commit(ctx, &p, false);

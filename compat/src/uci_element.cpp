@@ -17,17 +17,20 @@ bool is_name_char(unsigned char c)
 
 } // namespace
 
-void clear_error(struct uci_context *ctx)
-{
-    ctx->err = UCI_OK;
-    free(ctx->pctx);
-    ctx->pctx = nullptr;
-}
-
 int fail(struct uci_context *ctx, int err)
 {
     ctx->err = err;
     return err;
+}
+
+int begin_call(struct uci_context *ctx, bool args_ok)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    ctx->err = UCI_OK;
+    free(ctx->pctx); // the last parse error's position
+    ctx->pctx = nullptr;
+    return args_ok ? UCI_OK : fail(ctx, UCI_ERR_INVAL);
 }
 
 bool Buf::append(std::string_view s)
@@ -205,19 +208,26 @@ struct uci_option *option_new_list(struct uci_section *s, std::string_view name)
     return o;
 }
 
-bool list_append_item(struct uci_option *o, std::string_view value)
+struct uci_element *element_new(enum uci_type type, std::string_view name)
 {
     struct uci_element *e = zalloc<struct uci_element>();
     if (!e)
-        return false;
-    e->type = UCI_TYPE_ITEM;
-    e->name = dup_view(value);
+        return nullptr;
+    e->type = type;
+    e->name = dup_view(name);
     if (!e->name) {
         free(e);
-        return false;
+        return nullptr;
     }
-    list_add_tail(&o->v.list, &e->list);
-    return true;
+    return e;
+}
+
+bool list_append_item(struct uci_option *o, std::string_view value)
+{
+    struct uci_element *e = element_new(UCI_TYPE_ITEM, value);
+    if (e)
+        list_add_tail(&o->v.list, &e->list);
+    return e != nullptr;
 }
 
 static void free_items(struct uci_option *o)

@@ -103,10 +103,12 @@ bool write_all(int fd, std::string_view s);
 // s in single quotes, a quote inside written '\''.
 void append_quoted(Buf &out, std::string_view s);
 
-// Entry of every call that returns an error code: forget the previous error.
-void clear_error(struct uci_context *ctx);
 // Stores err as the context's error and returns it.
 int fail(struct uci_context *ctx, int err);
+// Entry of an API call: UCI_ERR_INVAL without a context (there is nowhere to
+// store an error), the error stored when args_ok is false, else UCI_OK with
+// the previous error forgotten.
+int begin_call(struct uci_context *ctx, bool args_ok);
 
 inline void list_init(struct uci_list *l) { l->next = l->prev = l; }
 inline void list_insert_before(struct uci_list *at, struct uci_list *e)
@@ -143,6 +145,8 @@ struct uci_section *section_new(struct uci_package *p, std::string_view type,
 struct uci_option *option_new_string(struct uci_section *s, std::string_view name,
                                      std::string_view value);
 struct uci_option *option_new_list(struct uci_section *s, std::string_view name);
+// A bare element (list item, delta search path entry) named name.
+struct uci_element *element_new(enum uci_type type, std::string_view name);
 bool list_append_item(struct uci_option *o, std::string_view value);
 // Turns o into a string option holding value, in place.
 bool option_set_string(struct uci_option *o, std::string_view value);

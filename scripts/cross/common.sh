@@ -60,6 +60,27 @@ enable_deb_src() {
     apt_updated=0
 }
 
+# fetch_json_c_source <dir>: json-c's Debian source package unpacked into
+# <dir> (emptied first); the name of its tree goes into <dir>/.done.
+fetch_json_c_source() {
+    enable_deb_src || return 1
+    apt_update_once
+    rm -rf "$1"
+    mkdir -p "$1"
+    note "fetching json-c's Debian source package"
+    (cd "$1" && apt-get source -qq json-c >/dev/null 2>&1)
+    jsrc=$(find "$1" -mindepth 1 -maxdepth 1 -type d -name 'json-c-*' | head -n 1)
+    [ -n "$jsrc" ] || { echo "cross: apt-get source json-c gave no source tree" >&2; return 1; }
+    basename "$jsrc" > "$1/.done"
+}
+
+# copy_uthash <include dir>: uthash is header-only, the same for every target.
+copy_uthash() {
+    mkdir -p "$1"
+    cp /usr/include/uthash.h /usr/include/utlist.h /usr/include/utarray.h \
+        /usr/include/utstring.h "$1/"
+}
+
 # stage_cmake <name> <source dir> <stage> <toolchain> [cmake args...]:
 # configures, builds and installs one third-party CMake project into a stage.
 stage_cmake() {
@@ -80,15 +101,9 @@ deps_mips() {
     toolchain="$top/cmake/toolchains/mips-linux-gnu.cmake"
     mkdir -p "$stage"
     if [ ! -f "$stage/.json-c.done" ]; then
-        enable_deb_src
-        apt_update_once
-        srcdir="$stage/.src"
-        rm -rf "$srcdir"
-        mkdir -p "$srcdir"
-        note "fetching and building json-c from its Debian source package"
-        (cd "$srcdir" && apt-get source -qq json-c >/dev/null 2>&1)
-        jsrc=$(find "$srcdir" -mindepth 1 -maxdepth 1 -type d -name 'json-c-*' | head -n 1)
-        [ -n "$jsrc" ] || { echo "cross: apt-get source json-c gave no source tree" >&2; return 1; }
+        [ -f "$stage/.src/.done" ] || fetch_json_c_source "$stage/.src" || return 1
+        jsrc="$stage/.src/$(cat "$stage/.src/.done")"
+        note "building json-c"
         stage_cmake json-c "$jsrc" "$stage" "$toolchain" \
             -DBUILD_TESTING=OFF -DDISABLE_WERROR=ON -DBUILD_SHARED_LIBS=ON -DBUILD_STATIC_LIBS=ON
         basename "$jsrc" > "$stage/.json-c.done"
@@ -100,11 +115,7 @@ deps_mips() {
 # same for every target) and GoogleTest from /usr/src/googletest built with
 # the target's toolchain, each once per stage.
 stage_uthash_gtest() {
-    if [ ! -f "$1/include/uthash.h" ]; then
-        mkdir -p "$1/include"
-        cp /usr/include/uthash.h /usr/include/utlist.h /usr/include/utarray.h \
-            /usr/include/utstring.h "$1/include/"
-    fi
+    [ -f "$1/include/uthash.h" ] || copy_uthash "$1/include"
     if [ ! -f "$1/.gtest.done" ]; then
         note "building GoogleTest from /usr/src/googletest"
         stage_cmake googletest /usr/src/googletest "$1" "$2" -DBUILD_GMOCK=OFF -DINSTALL_GTEST=ON
@@ -137,11 +148,17 @@ check_binary_arch() {
 
 check_binary_at() {
     triplet=$(triplet_of "$1")
+    check_binary_with "$triplet-readelf" "$triplet-nm" "$2"
+}
+
+# check_binary_with <readelf> <nm> <binary>: tests/unit/check_binary.sh with
+# the given tools standing in for readelf and nm.
+check_binary_with() {
     tools=$(mktemp -d)
-    ln -s "$(command -v "$triplet-readelf")" "$tools/readelf"
-    ln -s "$(command -v "$triplet-nm")" "$tools/nm"
+    ln -s "$(command -v "$1")" "$tools/readelf"
+    ln -s "$(command -v "$2")" "$tools/nm"
     rc=0
-    PATH="$tools:$PATH" sh "$top/tests/unit/check_binary.sh" "$2" || rc=$?
+    PATH="$tools:$PATH" sh "$top/tests/unit/check_binary.sh" "$3" || rc=$?
     rm -rf "$tools"
     return $rc
 }

@@ -41,11 +41,6 @@ void term_request_note(void)
     errno = saved;
 }
 
-bool term_requested(void)
-{
-    return g_requested != 0;
-}
-
 int term_request_fd(void)
 {
     return g_pipe[0];

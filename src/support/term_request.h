@@ -18,7 +18,6 @@
 void term_request_init(void);
 // From the signal handler: async-signal-safe.
 void term_request_note(void);
-bool term_requested(void);
 // Becomes readable once a stop was requested (-1 when there is no pipe).
 int term_request_fd(void);
 // Empties the pipe once its byte has woken a wait.

@@ -27,10 +27,7 @@ struct ConfDir {
         path = mkdtemp(tmpl) ? tmpl : "";
     }
     ~ConfDir() { tk::sh("rm -rf '" + path + "'"); }
-    void write(const std::string &name, const std::string &text) const
-    {
-        tk::write_file(path + "/" + name, text);
-    }
+    void write(const std::string &name, const std::string &text) const { tk::write_file(path + "/" + name, text); }
     std::string read(const std::string &name) const { return tk::read_file(path + "/" + name); }
 };
 
