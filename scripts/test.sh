@@ -40,7 +40,7 @@ release_suite() {
 
 step release-suite release_suite
 step sanitized-suite bash "$top/scripts/test-sanitized.sh" -j3
-step fuzz-short bash "$top/scripts/fuzz.sh" 8
+step fuzz-short sh "$top/tests/fuzz/run.sh" 8
 step build-matrix sh "$top/scripts/build-matrix.sh" native
 step package-check sh "$top/scripts/package-check.sh" native
 step cross-musl-mips sh "$top/scripts/cross.sh" musl mips --root

@@ -16,8 +16,6 @@ Collects into OUT:
 For fault runs:
   --tmp-full blocks|inodes   /tmp is a small tmpfs with no room for data
                              (blocks) or for a new file (inodes)
-  --term-after S             SIGTERM to the forked child S seconds after it
-                             appeared; what it was doing then is recorded
   --strace OPTS              run the daemon under strace with these options
                              (to deliver a signal on entering a given call)
   --strace-child OPTS        attach strace with these options to the forked
@@ -93,31 +91,6 @@ def fill_tmp(how):
             pass
 
 
-# x86_64 and aarch64 numbers of the calls a daemon blocks in; anything else is
-# reported by number.
-SYSCALLS = {
-    'x86_64': {232: 'epoll_wait', 281: 'epoll_pwait', 23: 'select', 270: 'pselect6',
-               35: 'nanosleep', 230: 'clock_nanosleep', 45: 'recvfrom', 44: 'sendto',
-               61: 'wait4', 7: 'poll', 0: 'read', 1: 'write'},
-    'aarch64': {22: 'epoll_pwait', 72: 'pselect6', 101: 'nanosleep', 115: 'clock_nanosleep',
-                207: 'recvfrom', 206: 'sendto', 260: 'wait4', 63: 'read', 64: 'write'},
-}
-
-
-def where_is(pid):
-    """What a process is doing: the call it sleeps in, or 'running'."""
-    sc = read_text('/proc/%d/syscall' % pid)
-    if sc is None:
-        return 'gone'
-    sc = sc.split()
-    if not sc or sc[0] == 'running':
-        return 'running'
-    if sc[0] == '-1':
-        return 'user'
-    table = SYSCALLS.get(os.uname().machine, {})
-    return table.get(int(sc[0]), 'syscall %s' % sc[0])
-
-
 def prepare_mounts(config_dir, console_log, tmp_full=None):
     # A scratch tmpfs holds the overlay's upper layer and the console FIFO.
     # /etc gets an overlay so that /etc/config can exist here without being
@@ -146,8 +119,10 @@ def prepare_mounts(config_dir, console_log, tmp_full=None):
     else:
         sh('mount', '-t', 'tmpfs', '-o', 'mode=1777', 'labtmp', '/tmp')
     if not console_log:
-        # The log goes to /tmp/lanprobe.log only when that file already exists.
-        open('/tmp/lanprobe.log', 'w').close()
+        # The log goes to /tmp/lanprobe.log only when that file already exists;
+        # the daemon writes over what an earlier run left, from its first byte.
+        with open('/tmp/lanprobe.log', 'w') as f:
+            f.write('stale\n')
     if tmp_full:
         fill_tmp(tmp_full)
     return console
@@ -163,8 +138,6 @@ def main():
                     help='seconds after which everything left is killed')
     ap.add_argument('--tmp-full', choices=['blocks', 'inodes'],
                     help='/tmp without room for data, or for a new file')
-    ap.add_argument('--term-after', type=float,
-                    help='SIGTERM to the forked child this many seconds after it appeared')
     ap.add_argument('--strace', help='run the daemon under strace with these options, blank-separated')
     ap.add_argument('--strace-child', help='the same, attached to the forked child once it is seen')
     ap.add_argument('cmd', nargs=argparse.REMAINDER)
@@ -201,8 +174,6 @@ def main():
         cmd = ['strace', '-f', '-qq', '-o', '/proc/self/fd/2'] + a.strace.split() + ['--'] + cmd
     status = {'cmd': cmd, 'parent_pid': None, 'parent': None, 'child_pid': None,
               'child': None, 'placeholder': None, 'others': [], 'timed_out': False}
-    if a.term_after is not None:
-        status['term'] = None
     t0 = time.monotonic()
     top = os.fork()
     if top == 0:
@@ -220,13 +191,10 @@ def main():
     daemon_parent = status['parent_pid'] = None if a.strace else top
     # The forked child is looked for as soon as it exists only when something
     # must be done to it while it runs; otherwise it is taken when its parent ends.
-    watch = bool(a.strace or a.strace_child or a.term_after is not None)
-    child_seen_at = None
+    watch = bool(a.strace or a.strace_child)
 
     def child_found(pid):
-        nonlocal child_seen_at
         status['child_pid'] = pid
-        child_seen_at = time.monotonic()
         if a.strace_child:
             attach = subprocess.Popen(
                 ['strace', '-qq', '-o', os.path.join(a.out, 'strace-child.txt'), '-p', str(pid)]
@@ -245,16 +213,6 @@ def main():
                         daemon_parent = status['parent_pid'] = p
                 elif pp == 1 or (daemon_parent is not None and pp == daemon_parent):
                     child_found(p)
-        if (a.term_after is not None and status['term'] is None and child_seen_at is not None
-                and time.monotonic() - child_seen_at >= a.term_after):
-            pid = status['child_pid']
-            if status['child'] is None:
-                where = where_is(pid)
-                os.kill(pid, signal.SIGTERM)
-                status['term'] = {'at_ms': round((time.monotonic() - t0) * 1000), 'where': where,
-                                  'result_then': read_text('/tmp/lanprobe_result')}
-            else:
-                status['term'] = {'where': 'after end'}
         try:
             while True:
                 rpid, st, ru = os.wait4(-1, os.WNOHANG)
@@ -289,7 +247,7 @@ def main():
                     os.kill(p, signal.SIGKILL)
                 except ProcessLookupError:
                     pass
-        select.select([console], [], [], 0.005 if a.term_after is not None else 0.05)
+        select.select([console], [], [], 0.05)
     drain()
 
     status['elapsed_ms'] = round((time.monotonic() - t0) * 1000)

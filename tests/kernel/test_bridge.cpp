@@ -112,7 +112,7 @@ TEST(Bridge, ForwardingDatabase)
           "No device index(200) match in device hashmap!\n", "No device index(255) match in device hashmap!\n"}},
         {seventy, false, 0, "10000", 3, {"get br:br-lan, overall 70 entry in fdb table\n"}},
         {{{1, 1}}, false, 0, "00000", 2, {}},
-        {{}, false, LP_ERR_FDB, "00000", 1, {"get br:br-lan, overall 0 entry in fdb table\n", "Failed to get fdb table!\n"}},
+        {{}, false, -83, "00000", 1, {"get br:br-lan, overall 0 entry in fdb table\n", "Failed to get fdb table!\n"}},
         {{}, true, 0, "01000", 2, {"find device mac:02-00-00-00-00-02 connected in dev:eth2!\n"}},
     };
     for (const auto &r : rows) {

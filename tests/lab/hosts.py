@@ -117,10 +117,10 @@ def flood(a):
                 x, ch = f[46:50], f[70:76]
                 send([frame(me, ch, x, cookie=b'\x63\x82\x53\x64'), frame(me, ch, x, op=1), frame(me, ch, x, dport=67),
                       frame(me, ch, x, proto=6), frame(me, ch, x)[:281], frame(me, ch, x)[:200], frame(br, ch, x),
-                      frame(br, ch, x, pad=1200)] * 3, True)
+                      frame(br, ch, x, pad=1100)] * 3, True)
             continue
         x, dst = rng.randbytes(4), rng.randbytes(6)
-        send([rng.choice([frame(me, dst, x), frame(me, dst, x, pad=1200), frame(me, dst, x)[:rng.randrange(14, 282)],
+        send([rng.choice([frame(me, dst, x), frame(me, dst, x, pad=1100), frame(me, dst, x)[:rng.randrange(14, 282)],
                           frame(br, dst, x), frame(me, dst, x, cookie=rng.randbytes(4)), rng.randbytes(rng.randrange(1, 1500))])])
 
 

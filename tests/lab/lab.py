@@ -12,7 +12,6 @@ import fnmatch
 import functools
 import json
 import os
-import random
 import re
 import shutil
 import signal
@@ -30,79 +29,92 @@ FOREIGN = re.compile(r'(?:switch|cp): [^\n]*\n')
 END = re.compile(r'\[lanprobe\(pid:\d+\)\] receive signal:15, exit')
 BR_MAC = '02:1A:00:00:00:01'
 
-# Which operation logs each message the lab's runs produce ("%" conversions
-# match anything).  "Entering function: X!" always belongs to X.
+# Which operation logs each message the lab's runs produce, and at which level
+# (C, E, W, N, I, D: Critical .. Debug; "%" conversions match anything).
+# "Entering function: X!" always belongs to X, at level Debug.
 OWNERS = {
-    'main': ['init over', 'init_all_eth_device failed!', "Device:%s doesn't existed in network.lan! Detect in all lans in default!"],
-    'signal_kill': ['[lanprobe(pid:%d)] receive signal:%d, exit'],
-    'uloop_proto_detect_start': ['device:%s already has dhcp_dever, skip sending arp!', 'Overall %d devices ready to sending arp!',
-                                 'find_target_ip_and_device_with_arp failed, return null!', 'Error sending dhcp discovery packet'],
-    'uloop_proto_detect_end': ['dhcp discovery packet not fully received', 'dhcp discovery packet all received offer',
-                               'Detection over beause all devices have dhcp server!', 'dhcp discovery packet timeout!',
-                               'Error receiving dhcp discovery packet'],
-    'uloop_proto_detect_finish': ['dhcp discovery packet not fully received', 'dhcp discovery packet all received offer',
-                                  'dhcp discovery packet timeout!', 'Detection over!', 'Error receiving dhcp discovery packet'],
-    'init_all_lan_device': ['Parse network devices fail!', 'get_eth_atrribute failed, or no attribute successfully parse!'],
-    'generate_lan_device': ['Parse lan devices(%d totoal) name: %s', 'Parse lan devices success, count:%d'],
-    'get_eth_atrribute': ['Unable to load uci switch!', 'Failed to get device by config switch.%s', '%s not begin with "eth"',
-                          "Can't find device %s", 'Parse network devices atrribute success, count:%d'],
-    'check_dev_already_add': ['dev_hashmap_head input is NULL!'],
-    'find_device': ['Invalid dev_hashmap_head input!'],
-    'add_br_device': ['Parse lan devices name: %s'],
-    'update_brlan_dev_from_sys': [" Can't get port info: %s", 'Parse lan devices success, count:%d'],
-    'br_foreach_port': ['success get dev:%s index:%d', 'Parse lan device number more than %d, Ignore others!'],
-    'fetch_int': ['Failed to open %s/%s, not a br-lan deive'],
-    'update_brlan_valid_dev': ['Failed to get fdb table!', 'No device index(%d) match in device hashmap!',
-                               'device:%s already has devices connected (via fdb table)!',
-                               'find device mac:%02X-%02X-%02X-%02X-%02X-%02X connected in dev:%s!'],
-    'get_bridge_table': ['get br:%s, overall %d entry in fdb table', 'br_init fail: %s'],
-    'br_get_fdb': ['read of forward table failed: %s'],
-    'remove_unique_device_from_list': ['Success remove dev:%s from list!'],
-    'find_target_ip_and_device_with_arp': ["Couldn't get br-lan ip, netmask, mac!", 'Use br-lan ip:%s as arp requesting ip! ARP announcement!',
-                                           'Success get br-lan ip:%s, mac:%s', 'Failed to send arp request for each device!',
-                                           'Target ip:%s not found with arp in each device!', 'Detect %d device own same ip:%s!'],
-    'check_ip_using_arp_blocked': ['invalid parameters! Send failed!', 'Get device:%s , index=%d, hw_addr=%s',
-                                   'Arp packet sockfd init success in for: %s, bind to dev:%s',
-                                   'Ready to send Arp packet for: %s via dev:%s, retry_times:%d/%d',
-                                   'Send Arp packet success for: %s via dev:%s', 'Trying to recv Arp packet for: %s via dev:%s, retry_times:%d/%d',
-                                   'Not a arp reply packet', 'arp reply receieve a different ip:%s, Ignore!',
-                                   'arp reply receieve a different ip, orig:%s, Ignore!', 'arp reply success in dev:%s',
-                                   'No arp reply from %s via dev:%s! ', 'Failed to init ARP socket for: %s, bind to dev:%s',
-                                   'Failed to send ARP socket for: %s via dev:%s'],
-    'init_arp_sockfd': ['Bind Arp socket into dev:%s', 'init_arp_sockfd bind to dev:%s fail!'],
-    'send_arp_unicast_packet_blocked': ['Skip sending arp packet due to socket error!', 'Error while sending arp socket to %s'],
-    'release_arp_detect_handle': ['arp_detect_handle not null but arp_num=0, may cause unclosed socket fd ',
-                                  'release arp_detect_handle success!'],
-    'lanprobe_for_all_devices': ['device:%s has NO device connected in, skip it!', 'device:%s already has dhcp_dever, skip it!',
-                                 'Overall %d devices ready to run dhcp detect', 'No actual device need detected, skip dhcp detect!',
-                                 'Overall %d devices Send dhcp discovery success!', 'Error sending dhcp discovery packet'],
-    'lanprobe_for_specify_device': ['device:%s ready to run dhcp detect', 'Error sending dhcp discovery packet in dev:%s'],
-    'send_dhcp_discovery_all': ['DHCP Discovery packet sockfd init success in dev:%s',
-                                'Ready to send DHCP Discovery packet via dev:%s, Transaction ID: %s',
-                                'Send DHCP Discovery packet success via dev:%s', 'Failed to send DHCP socket via dev:%s',
-                                'Failed to init DHCP socket in dev:%s', "Couldn't get br-lan ip, netmask, mac!"],
-    'send_dhcp_discovery_packet': ['Get device:%s , index=%d, hw_addr=%s', 'Error binding socket!',
-                                   'Error while writing to dhcp request socket, using device:%s',
-                                   'Skip sending dhcp discoery packet due to socket error!'],
-    'recv_dhcp_discovery_packet': ['recv dhcp discovery packet from dev:%s', 'Cannot read from socket, try again! dev=%s',
-                                   'read from socket parse error, try again! dev=%s', 'Not match: rdhcp->xid=%s, lanprobe_ctx->random_xid=%s',
-                                   'dev:%s, IPADDR=%s, MAC=%s', 'dev:%s, GATEWAY=%s', 'dev:%s, DNS_SERVER=%s',
-                                   'Detecing dhcp offer from own mac:%s, meaning there is a cirecle in lan!!',
-                                   'Success parse dhcp discovery packet in dev=%s'],
-    'process_dhcp_discovery_all': ['dhcp detect array is null, no packet sent yet, treat as detect over!', 'Processing dhcp offer in eth:%s',
-                                   'dev:%s detect dhcp Service!', 'dev:%s, IPADDR=%s, MAC=%s', 'dev:%s, GATEWAY=%s',
-                                   'dev:%s, DNS_SERVER=%s', 'No dhcp Service detect in dev:%s yet!'],
-    'release_lanprobe_handle': ['Release null lanprobe_handle fail!', 'release lanprobe_handler success!'],
+    'main': ['D:init over', 'C:init_all_eth_device failed!',
+             "E:Device:%s doesn't existed in network.lan! Detect in all lans in default!"],
+    'signal_kill': ['E:[lanprobe(pid:%d)] receive signal:%d, exit'],
+    'uloop_proto_detect_start': ['D:device:%s already has dhcp_dever, skip sending arp!',
+                                 'D:Overall %d devices ready to sending arp!',
+                                 'E:find_target_ip_and_device_with_arp failed, return null!',
+                                 'E:Error sending dhcp discovery packet'],
+    'uloop_proto_detect_end': ['D:dhcp discovery packet not fully received', 'I:dhcp discovery packet all received offer',
+                               'I:Detection over beause all devices have dhcp server!', 'D:dhcp discovery packet timeout!',
+                               'E:Error receiving dhcp discovery packet'],
+    'uloop_proto_detect_finish': ['D:dhcp discovery packet not fully received', 'I:dhcp discovery packet all received offer',
+                                  'D:dhcp discovery packet timeout!', 'I:Detection over!',
+                                  'E:Error receiving dhcp discovery packet'],
+    'init_all_lan_device': ['E:Parse network devices fail!', 'E:get_eth_atrribute failed, or no attribute successfully parse!'],
+    'generate_lan_device': ['D:Parse lan devices(%d totoal) name: %s', 'I:Parse lan devices success, count:%d'],
+    'get_eth_atrribute': ['E:Unable to load uci switch!', 'W:Failed to get device by config switch.%s',
+                          'E:%s not begin with "eth"', "W:Can't find device %s",
+                          'I:Parse network devices atrribute success, count:%d'],
+    'check_dev_already_add': ['I:dev_hashmap_head input is NULL!'],
+    'find_device': ['I:Invalid dev_hashmap_head input!'],
+    'add_br_device': ['D:Parse lan devices name: %s'],
+    'update_brlan_dev_from_sys': ["E: Can't get port info: %s", 'I:Parse lan devices success, count:%d'],
+    'br_foreach_port': ['D:success get dev:%s index:%d', 'E:Parse lan device number more than %d, Ignore others!'],
+    'fetch_int': ['I:Failed to open %s/%s, not a br-lan deive'],
+    'update_brlan_valid_dev': ['E:Failed to get fdb table!', 'D:No device index(%d) match in device hashmap!',
+                               'D:device:%s already has devices connected (via fdb table)!',
+                               'D:find device mac:%02X-%02X-%02X-%02X-%02X-%02X connected in dev:%s!'],
+    'get_bridge_table': ['D:get br:%s, overall %d entry in fdb table', 'E:br_init fail: %s'],
+    'br_get_fdb': ['E:read of forward table failed: %s'],
+    'remove_unique_device_from_list': ['D:Success remove dev:%s from list!'],
+    'find_target_ip_and_device_with_arp': ["E:Couldn't get br-lan ip, netmask, mac!",
+                                           'D:Use br-lan ip:%s as arp requesting ip! ARP announcement!',
+                                           'D:Success get br-lan ip:%s, mac:%s', 'E:Failed to send arp request for each device!',
+                                           'D:Target ip:%s not found with arp in each device!',
+                                           'W:Detect %d device own same ip:%s!'],
+    'check_ip_using_arp_blocked': ['E:invalid parameters! Send failed!', 'D:Get device:%s , index=%d, hw_addr=%s',
+                                   'D:Arp packet sockfd init success in for: %s, bind to dev:%s',
+                                   'D:Ready to send Arp packet for: %s via dev:%s, retry_times:%d/%d',
+                                   'D:Send Arp packet success for: %s via dev:%s',
+                                   'D:Trying to recv Arp packet for: %s via dev:%s, retry_times:%d/%d',
+                                   'E:Not a arp reply packet', 'I:arp reply receieve a different ip:%s, Ignore!',
+                                   'I:arp reply receieve a different ip, orig:%s, Ignore!', 'D:arp reply success in dev:%s',
+                                   'D:No arp reply from %s via dev:%s! ', 'E:Failed to init ARP socket for: %s, bind to dev:%s',
+                                   'E:Failed to send ARP socket for: %s via dev:%s'],
+    'init_arp_sockfd': ['D:Bind Arp socket into dev:%s', 'E:init_arp_sockfd bind to dev:%s fail!'],
+    'send_arp_unicast_packet_blocked': ['E:Skip sending arp packet due to socket error!',
+                                        'E:Error while sending arp socket to %s'],
+    'release_arp_detect_handle': ['E:arp_detect_handle not null but arp_num=0, may cause unclosed socket fd ',
+                                  'D:release arp_detect_handle success!'],
+    'lanprobe_for_all_devices': ['D:device:%s has NO device connected in, skip it!',
+                                 'D:device:%s already has dhcp_dever, skip it!', 'D:Overall %d devices ready to run dhcp detect',
+                                 'I:No actual device need detected, skip dhcp detect!',
+                                 'D:Overall %d devices Send dhcp discovery success!', 'E:Error sending dhcp discovery packet'],
+    'lanprobe_for_specify_device': ['D:device:%s ready to run dhcp detect', 'E:Error sending dhcp discovery packet in dev:%s'],
+    'send_dhcp_discovery_all': ['D:DHCP Discovery packet sockfd init success in dev:%s',
+                                'D:Ready to send DHCP Discovery packet via dev:%s, Transaction ID: %s',
+                                'D:Send DHCP Discovery packet success via dev:%s', 'E:Failed to send DHCP socket via dev:%s',
+                                'E:Failed to init DHCP socket in dev:%s', "E:Couldn't get br-lan ip, netmask, mac!"],
+    'send_dhcp_discovery_packet': ['D:Get device:%s , index=%d, hw_addr=%s', 'E:Error binding socket!',
+                                   'E:Error while writing to dhcp request socket, using device:%s',
+                                   'E:Skip sending dhcp discoery packet due to socket error!'],
+    'recv_dhcp_discovery_packet': ['D:recv dhcp discovery packet from dev:%s', 'E:Cannot read from socket, try again! dev=%s',
+                                   'D:read from socket parse error, try again! dev=%s',
+                                   'I:Not match: rdhcp->xid=%s, lanprobe_ctx->random_xid=%s', 'D:dev:%s, IPADDR=%s, MAC=%s',
+                                   'D:dev:%s, GATEWAY=%s', 'D:dev:%s, DNS_SERVER=%s',
+                                   'W:Detecing dhcp offer from own mac:%s, meaning there is a cirecle in lan!!',
+                                   'I:Success parse dhcp discovery packet in dev=%s'],
+    'process_dhcp_discovery_all': ['I:dhcp detect array is null, no packet sent yet, treat as detect over!',
+                                   'D:Processing dhcp offer in eth:%s', 'I:dev:%s detect dhcp Service!',
+                                   'D:dev:%s, IPADDR=%s, MAC=%s', 'D:dev:%s, GATEWAY=%s', 'D:dev:%s, DNS_SERVER=%s',
+                                   'D:No dhcp Service detect in dev:%s yet!'],
+    'release_lanprobe_handle': ['I:Release null lanprobe_handle fail!', 'D:release lanprobe_handler success!'],
 }
-PATTERNS = [(re.compile(re.sub(r'%[-#0-9]*[a-zA-Z]', '.*', re.escape(m).replace(r'\%', '%')) + '$'), op)
+PATTERNS = [(re.compile(re.sub(r'%[-#0-9]*[a-zA-Z]', '.*', re.escape(m[2:]).replace(r'\%', '%')) + '$'), (op, m[0]))
             for op, msgs in OWNERS.items() for m in msgs]
 
 
 @functools.lru_cache(maxsize=None)
 def owners(msg):
     if msg.startswith('Entering function: '):
-        return [msg[19:-1].split(',')[0]]
-    return [op for p, op in PATTERNS if p.match(msg)]
+        return [(msg[19:-1].split(',')[0], 'D')]
+    return [owner for p, owner in PATTERNS if p.match(msg)]
 
 
 class Failure(Exception):
@@ -127,6 +139,7 @@ class Run:
         self.raw = self.read('result')
         self.console = self.read('console.txt') or ''
         text = self.read('lanprobe.log') or ''
+        text = '' if text == 'stale\n' else text      # the file as the runner left it: no sink opened
         if row.get('console_log'):
             text = self.console.split('Success set lanprobe debug level to 7!\n', 1)[-1]
         # Lines still buffered when logging ends reach the inherited stdout.
@@ -195,7 +208,7 @@ def always(r):
     check(not st['others'], 'other processes reaped: %r' % st['others'])
     check('lanprobe_brforward' not in st['tmp_files'], '/tmp/lanprobe_brforward left behind')
     for level, _, func, msg in r.lines:
-        check(func in owners(msg), '%r logged by %s, expected %s' % (msg, func, owners(msg) or 'a listed message'))
+        check((func, level[0]) in owners(msg), '%r logged by %s at %s, expected %s' % (msg, func, level, owners(msg) or 'a listed message'))
     if row.get('args', [None])[:2] != ['-d', '7']:
         return
     check(r.lines and END.fullmatch(r.msgs[-1]) and sum(1 for m in r.msgs if END.fullmatch(m)) == 1,
@@ -215,17 +228,37 @@ def always(r):
         if r.count('release arp_detect_handle success!', a, b) and not r.count('arp reply success in dev:*', a, b):
             check(r.count('Ready to send Arp packet for: *', a, b) == 2 * r.count('Ready to send Arp packet for: *1/2', a, b)
                   == 2 * r.count('Ready to send Arp packet for: *2/2', a, b), 'an ARP check did not make two attempts')
+    # Later ARP checks leave out every port that has its server (unless one port was named).
+    found = set()
+    for m in r.msgs:
+        if m.endswith(' detect dhcp Service!'):
+            found.add(m[4:-21])
+        elif m.startswith('Ready to send Arp packet for: ') and '-v' not in row['args']:
+            check(m.split(' via dev:')[1].split(',')[0] not in found, 'a port with a server in an ARP check: %r' % m)
     end = row.get('end')
     if end == 'deadline':
         check(r.count('Detection over!') == 1 and not r.count('Detection over beause all devices have dhcp server!'),
               'not ended by the deadline')
-        # The deadline counts from the set-up; an ARP check running then delays it.
-        took = int(r.lines[r.index('Detection over!')][1]) - int(r.lines[r.index('init over')][1])
-        ports = len([s for s in row['layout'] if s.startswith('eth')]) or 7
-        check(12 <= took <= 13 + 2 * (ports * 0.3 + 0.31) + 2, 'deadline after %d s' % took)
+        check_deadline(r)
     elif end == 'answered':
         check(r.count('Detection over beause all devices have dhcp server!') == 1 and not r.count('Detection over!'),
               'not ended because every port answered')
+
+
+def check_deadline(r):
+    """The deadline is 13 s after the set-up; an ARP check under way then (it
+    blocks, 2 x (ports x 300 + 310) ms) delays it to that check's end.  Log
+    stamps are whole seconds of uptime: one second of margin."""
+    stamp = lambda i: int(r.lines[i][1])
+    due = end = stamp(r.index('init over')) + 13
+    ports = 0
+    for i, m in enumerate(r.msgs):
+        if m.startswith('Overall ') and m.endswith(' devices ready to sending arp!'):
+            ports = int(m.split()[1])
+        elif m == 'Entering function: check_ip_using_arp_blocked!' and stamp(i) <= due:
+            end = max(end, stamp(i) + 2 * (ports * 0.3 + 0.31))
+    took = stamp(r.index('Detection over!'))
+    check(due - 1 <= took <= end + 1, 'deadline at %d s of uptime, due %d s, by the ARP checks %.1f s' % (took, due, end))
 
 
 def first_poll(r):
@@ -266,7 +299,6 @@ FOUR = ['eth0', 'eth1', 'eth2', 'eth3']
 ANSWER = ['eth0=dnsmasq', 'eth1=empty']
 SILENT = ['eth0=dnsmasq', 'eth1=silent']
 TERM = ['eth0=dnsmasq', 'eth1=udhcpd', 'eth2=empty']
-RANDOM = random.Random()
 
 
 def ck_default(r, lab):
@@ -302,11 +334,10 @@ def ck_late(r, lab):
 
 
 def ck_owner(r, lab):
-    # The owner's reply goes up through br-lan: every port socket may read it.
-    kept = {'eth0', 'eth1'} - {m.split(' via dev:')[1][:-2] for m in r.msgs if m.startswith('No arp reply from ')}
-    check('eth0' in kept, 'the owner\'s port was dropped')
-    verdict = [m for m in r.msgs if m.startswith(('Detect ', 'Target ip:'))]
-    check(verdict == (['Detect 2 device own same ip:192.168.1.1!'] if len(kept) == 2 else []), 'verdict %r' % verdict)
+    # The owner's reply goes up through br-lan, where both ports' packet
+    # sockets see it: both keep their slot, and the verdict counts two.
+    verdict = [m for m in r.msgs if m.startswith(('Detect ', 'Target ip:', 'No arp reply from '))]
+    check(verdict == ['Detect 2 device own same ip:192.168.1.1!'], 'verdict %r' % verdict)
 
 
 def ck_arp_short(r, lab):
@@ -392,17 +423,16 @@ def ck_term_write(r, lab):
     check(r.msgs[-2].startswith('Detection over'), 'the write was not followed by its end: %r' % r.msgs[-3:])
 
 
-def ck_term_random(r, lab):
-    t = r.status['term']
-    if t['where'] != 'after end':
-        lab.figures.append('stop in %s: %d ms' % (t['where'], r.status['child']['ms'] - t['at_ms']))
-
-
 def ck_hostile(r, lab):
-    refused = sum(1 for m in r.msgs if m.startswith(('Detecing dhcp offer from own mac:', 'Not match: rdhcp->xid=',
-                                                     'read from socket parse error')))
-    check(refused > 0 and lab.flood_stats['answers'] > 0, 'no crafted frame reached the handler')
-    lab.figures.append('%d crafted frames refused, %d sent' % (refused, lab.flood_stats['sent']))
+    # Each DISCOVER is answered at once, long before udhcpd's OFFER (its ARP
+    # check takes 2 s), by 3 x 8 decoys with its xid: 3 x 2 from br-lan's MAC,
+    # 3 x 6 not a BOOTREPLY to port 68 with the cookie.  The random flood adds
+    # frames of other clients and garbage, none from br-lan with our xid.
+    n = sends(r, 'eth0')
+    own, bad = r.count('Detecing dhcp offer from own mac:*'), r.count('read from socket parse error, try again! dev=eth0')
+    check(n == 1 and own == 6 * n and bad >= 18 * n and r.count('Not match: *') > 0 and lab.flood_stats['answers'] == 24 * n,
+          'decoys refused: %d from br-lan, %d unparsable, for %d DISCOVERs' % (own, bad, n))
+    lab.figures.append('%d crafted frames refused, %d sent' % (own + bad + r.count('Not match: *'), lab.flood_stats['sent']))
 
 
 def ck_valgrind(r, lab):
@@ -501,8 +531,6 @@ ROWS = {
                          **strace('epoll_wait')),
     'term_write': dict(layout=TERM, args=['-d', '7'], result=['eth0', 'eth1'], check=ck_term_write,
                        strace_child='-P /tmp/lanprobe_result -e trace=openat -e inject=openat:signal=TERM:when=1'),
-    'term_random': dict(layout=TERM, args=['-d', '7'], result='any', term_after=lambda: RANDOM.uniform(0, 3),
-                        check=ck_term_random),
     'hostile': dict(layout=['eth0=udhcpd', 'eth1=empty'], args=['-d', '7'], flood='eth0', result=['eth0'],
                     end='answered', check=ck_hostile),
     'valgrind': dict(layout=ANSWER, args=['-d', '7'], valgrind=True, result=['eth0'], end='answered', check=ck_valgrind),
@@ -553,8 +581,6 @@ class Lab:
         for k in ('tmp_full', 'strace', 'strace_child'):
             if row.get(k):
                 cmd += ['--' + k.replace('_', '-'), row[k]]
-        if row.get('term_after'):
-            cmd += ['--term-after', '%.3f' % row['term_after']()]
         if row.get('console_log'):
             cmd.append('--console-log')
         if row.get('before'):

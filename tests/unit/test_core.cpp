@@ -139,15 +139,15 @@ TEST(DeviceList, OrderDuplicatesRemoval)
         int dev, rc;
         const char *chain, *log;
     } rows[] = {
-        {true, 0, LP_OK, "d0", ""},
-        {true, 1, LP_OK, "d1 d0", ""},
-        {true, 2, LP_OK, "d1 d2 d0", ""},
-        {true, 3, LP_OK, "d1 d2 d3 d0", ""},  // equal orders keep the order of adding
-        {true, 4, LP_OK, "d4 d1 d2 d3 d0", ""},
-        {true, 2, LP_ERR_EXISTS, "d4 d1 d2 d3 d0", "dev:d2 already in list!\n"},
-        {false, 2, LP_OK, "d4 d1 d3 d0", "Success remove dev:d2 from list!\n"},
-        {false, 2, LP_ERR_NOT_FOUND, "d4 d1 d3 d0", ""},
-        {false, 0, LP_OK, "d4 d1 d3", "Success remove dev:d0 from list!\n"},
+        {true, 0, 0, "d0", ""},
+        {true, 1, 0, "d1 d0", ""},
+        {true, 2, 0, "d1 d2 d0", ""},
+        {true, 3, 0, "d1 d2 d3 d0", ""},  // equal orders keep the order of adding
+        {true, 4, 0, "d4 d1 d2 d3 d0", ""},
+        {true, 2, -97, "d4 d1 d2 d3 d0", "dev:d2 already in list!\n"},
+        {false, 2, 0, "d4 d1 d3 d0", "Success remove dev:d2 from list!\n"},
+        {false, 2, -96, "d4 d1 d3 d0", ""},
+        {false, 0, 0, "d4 d1 d3", "Success remove dev:d0 from list!\n"},
     };
     log_set_level(LOG_LEVEL_DEBUG);
     t_device_list head{};

@@ -145,7 +145,10 @@ TEST_F(Offer, OneChangeAtATime)
         std::string log = feed(r.frame);
         std::string level(r.log, strchr(r.log, ']') + 1), text(strchr(r.log, ']') + 1);
         ASSERT_EQ(tk::count(log, text), 1u) << log;
-        EXPECT_NE(log.rfind(level, log.find(text)), std::string::npos) << log;
+        // The level stands on the message's own line, before its text.
+        size_t at = log.find(text), bol = log.rfind('\n', at);
+        bol = bol == std::string::npos ? 0 : bol + 1;
+        EXPECT_NE(log.substr(bol, at - bol).find(level), std::string::npos) << log;
         EXPECT_EQ(log.find("recv dhcp discovery packet from dev:eth3\n"), log.find("]: ") + 3);
         ASSERT_EQ(taken(), r.gateway != nullptr) << log;
         if (!r.gateway)

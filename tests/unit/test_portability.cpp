@@ -45,14 +45,14 @@ extern "C" int __wrap_ioctl(int fd, unsigned long request, ...)
         errno = g_bridge.fail ? g_bridge.fail : EAGAIN;
         return -1;
     }
-    if (w[0] == BRCTL_GET_PORT_LIST) {  // slot 3 holds the loopback interface
+    if (w[0] == 7) {  // BRCTL_GET_PORT_LIST; slot 3 holds the loopback interface
         reinterpret_cast<int *>(w[1])[3] = static_cast<int>(if_nametoindex("lo"));
         return 0;
     }
     size_t n = 0;  // records i at offset i: MAC 02:..:i, port 1 + i % 3
     for (size_t i = w[3]; i < g_bridge.records && n < w[2]; i++, n++) {
-        uint8_t *rec = reinterpret_cast<uint8_t *>(w[1]) + n * FDB_ENTRY_SIZE;
-        memset(rec, 0, FDB_ENTRY_SIZE);
+        uint8_t *rec = reinterpret_cast<uint8_t *>(w[1]) + n * 16;  // a record is 16 bytes
+        memset(rec, 0, 16);
         rec[0] = 2;
         rec[5] = static_cast<uint8_t>(i);
         rec[6] = static_cast<uint8_t>(1 + i % 3);
@@ -75,7 +75,7 @@ TEST(Portability, LegacyBridgeRequests)
     EXPECT_EQ(old_foreach_port("brX", note_port, &ports), 1);
     EXPECT_EQ(ports, "lo:-1:4");
     ASSERT_EQ(g_bridge.blocks.size(), 1u);
-    EXPECT_EQ(g_bridge.blocks[0], (std::vector<unsigned long>{BRCTL_GET_PORT_LIST, BR_PORT_LIST_SLOTS, 0}));
+    EXPECT_EQ(g_bridge.blocks[0], (std::vector<unsigned long>{7, 1024, 0}));
 
     // Requests seen, as {request, records wanted, offset}: EAGAIN is retried
     // up to ten attempts in all.

@@ -143,24 +143,24 @@ TEST(UciParse, Table)
 
 TEST(UciLookup, Table)
 {
-    // "rc flags target p/s/o/last set, last's type, section text" after the lookup.
+    // "rc target p/s/o/last set, last's type, section text" after the lookup.
     const struct {
         const char *key;
         bool extended;
         const char *outcome;
     } cases[] = {
-        {"network.lan.ifname", true, "0 3 4 psoL 4 lan"},
-        {"network.lan", true, "0 3 3 ps-L 3 lan"},
-        {"nosuch.lan.ifname", true, "3 1 4 ---- - lan"},
-        {"network.nosuch.ifname", true, "0 1 4 p--L 2 nosuch"},
-        {"network.lan.nosuch", true, "0 1 4 ps-L 3 lan"},
-        {"network.@interface[-1].ifname", true, "0 7 4 psoL 4 cfg046d96"},
-        {"network.@interface[9].ifname", true, "0 5 4 p--L 2 @interface[9]"},
-        {"network.@interface[0].ifname", false, "2 5 4 p--L 2 @interface[0]"},
-        {"network.@interface[x]", true, "2 0 0 ---- - -"},
-        {"network.lan-x.ifname", true, "2 0 0 ---- - -"},
-        {"network.lan.if-name", true, "5 0 0 ---- - -"},
-        {"a.b.c.d", true, "5 0 0 ---- - -"},
+        {"network.lan.ifname", true, "0 4 psoL 4 lan"},
+        {"network.lan", true, "0 3 ps-L 3 lan"},
+        {"nosuch.lan.ifname", true, "3 4 ---- - lan"},
+        {"network.nosuch.ifname", true, "0 4 p--L 2 nosuch"},
+        {"network.lan.nosuch", true, "0 4 ps-L 3 lan"},
+        {"network.@interface[-1].ifname", true, "0 4 psoL 4 cfg046d96"},
+        {"network.@interface[9].ifname", true, "0 4 p--L 2 @interface[9]"},
+        {"network.@interface[0].ifname", false, "2 4 p--L 2 @interface[0]"},
+        {"network.@interface[x]", true, "2 0 ---- - -"},
+        {"network.lan-x.ifname", true, "2 0 ---- - -"},
+        {"network.lan.if-name", true, "5 0 ---- - -"},
+        {"a.b.c.d", true, "5 0 ---- - -"},
     };
     for (const auto &c : cases) {
         struct uci_context *ctx = uci_alloc_context();
@@ -171,7 +171,7 @@ TEST(UciLookup, Table)
         memset(&ptr, 0xa5, sizeof(ptr));  // whatever was there is discarded
         int rc = uci_lookup_ptr(ctx, &ptr, buf, c.extended);
         EXPECT_EQ(ctx->err, rc);
-        std::string got = std::to_string(rc) + " " + std::to_string(ptr.flags) + " " + std::to_string(ptr.target) +
+        std::string got = std::to_string(rc) + " " + std::to_string(ptr.target) +
                           " " + (ptr.p ? "p" : "-") + (ptr.s ? "s" : "-") + (ptr.o ? "o" : "-") + (ptr.last ? "L " : "- ") +
                           (ptr.last ? std::to_string(ptr.last->type) : "-") + " " + (ptr.section ? ptr.section : "-");
         EXPECT_EQ(got, c.outcome) << c.key;
