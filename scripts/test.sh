@@ -39,7 +39,7 @@ release_suite() {
 }
 
 step release-suite release_suite
-step sanitized-suite bash "$top/scripts/test-sanitized.sh" -j3
+step sanitized-suite bash "$top/tests/sanitized.sh" -j3
 step fuzz-short sh "$top/tests/fuzz/run.sh" 8
 step build-matrix sh "$top/scripts/build-matrix.sh" native
 step package-check sh "$top/scripts/package-check.sh" native
