@@ -53,11 +53,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int fds = fuzz::open_fds();
 
     // A value, when found, is cut to 64 characters; the buffer past it is left alone.
-    char value[UCI_ACCESS_BUF_SIZE + 8];
+    char value[65 + 8];
     memset(value, 0x5a, sizeof(value));
     int rc = _uci_get_value(key.c_str(), value);
-    FUZZ_CHECK(rc == 0 ? memchr(value, '\0', UCI_ACCESS_BUF_SIZE) != nullptr : value[0] == 0x5a);
-    FUZZ_CHECK(memchr(value + UCI_ACCESS_BUF_SIZE, 0x5a, 8) == value + UCI_ACCESS_BUF_SIZE);
+    FUZZ_CHECK(rc == 0 ? memchr(value, '\0', 65) != nullptr : value[0] == 0x5a);
+    FUZZ_CHECK(memchr(value + 65, 0x5a, 8) == value + 65);
 
     struct uci_context *ctx = uci_alloc_context();
     struct uci_ptr ptr;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -97,6 +98,11 @@ std::string Capture::text()
     for (size_t n; (n = fread(buf, 1, sizeof(buf), file_)) > 0;)
         s.append(buf, n);
     return s;
+}
+
+std::string messages(const std::string &out)
+{
+    return std::regex_replace(out, std::regex(R"(\[lanprobe\]\[(\w+)\]\[-?\d+\]\[\w+:\d+\]: )"), "$1: ");
 }
 
 std::vector<uint8_t> hex(const std::string &text)

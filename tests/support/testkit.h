@@ -37,6 +37,9 @@ private:
     FILE *file_;
 };
 
+// The log lines in out as "Level: message", their prefix cut.
+std::string messages(const std::string &out);
+
 // "ff 00 1a" -> bytes; blanks are ignored.
 std::vector<uint8_t> hex(const std::string &text);
 size_t count(const std::string &text, const std::string &needle);

@@ -115,7 +115,7 @@ TEST(Portability, LegacyBridgeRequests)
     const std::string log = out.text(), e = strerror(EOPNOTSUPP);
     for (const std::string &line : {"list ports for bridge:'brX' failed: " + e, " Can't get port info: " + e,
                                     "read of forward table failed: " + e})
-        EXPECT_EQ(tk::count(log, "]: " + line + "\n"), 1u) << log;
+        EXPECT_EQ(tk::count(tk::messages(log), "Error: " + line + "\n"), 1u) << log;
 }
 
 }  // namespace
