@@ -10,13 +10,10 @@
 #   lab.sh exec STATE NAME CMD...               run CMD in namespace NAME (router, eth0, ...)
 #   lab.sh down STATE                           stop everything by PID, remove all
 #
-# KIND: dnsmasq | udhcpd | dhcpd | kea | silent | empty | owner | responder:MODE
-#   owner     a host that also holds 192.168.1.1 (and answers ARP for it), serving with dnsmasq
-#   responder a host sending crafted OFFERs (see tests/lab/hosts.py for the modes)
-# up options:
-#   --no-switch   leave out /etc/config/switch
-#   --detached    do not enslave the eth ports to br-lan (ports come from network.lan.ifname)
-#   --wlan        add a wlan0 member port without switch attributes and without a host
+# KIND: dnsmasq | udhcpd | dhcpd | kea | silent | empty, and the test rows'
+#   kinds of tests/lab/hosts.sh (when present)
+# up options: --wlan adds a wlan0 member port without switch attributes and
+#   without a host; tests/lab/hosts.sh adds its own
 # Without any ethN=KIND the default LAN is built:
 #   eth0=dnsmasq eth1=udhcpd eth2=dhcpd eth3=kea eth4=silent eth5=empty, plus wlan0.
 #
@@ -171,27 +168,8 @@ EOF
     wait_udp67 "$ns" "kea-eth$n" "$(last_pid)"
 }
 
-start_responder() {
-    local ns=$1 d=$2 n=$3 mode=$4
-    spawn "responder-eth$n" "$ns" "$PY" "$TOP/tests/lab/hosts.py" respond --iface veth0 --mode "$mode" \
-        --ip "$(host_ip "$n")" --pool "$(pool_lo "$n")" --dns "$(dns_ip "$n")" \
-        --br-mac "$BR_MAC" --events "$d/responder.events" --ready "$d/responder.ready"
-    echo "$(last_pid) $d/responder.ready eth$n" >> "$STATE/pending"
-}
-
-wait_ready() {
-    [ -f "$STATE/pending" ] || return 0
-    local pid file port i
-    while read -r pid file port; do
-        for i in $(seq 200); do
-            [ -f "$file" ] && break
-            alive "$pid" || { cat "$STATE/responder-$port.out" >&2; die "responder on $port exited"; }
-            sleep 0.1
-        done
-        [ -f "$file" ] || die "responder on $port not ready"
-    done < "$STATE/pending"
-    rm -f "$STATE/pending"
-}
+# Host kinds and up options that only the test rows use.
+[ -f "$TOP/tests/lab/hosts.sh" ] && . "$TOP/tests/lab/hosts.sh"
 
 # ------------------------------------------------------------------ fixtures
 write_fixtures() {   # eth port names...
@@ -239,36 +217,28 @@ add_port() {   # ethN KIND
     ip -n "$ns" link set veth0 up
     [ "$kind" = empty ] && return 0
     ip=$(host_ip "$n")
-    if [ "$kind" = owner ]; then
-        # Holds the router's own address; accept_local makes the kernel answer
-        # the router's ARP announcement, whose sender address is its own.
-        ip=$BR_IP
-        ip netns exec "$ns" sysctl -qw net.ipv4.conf.all.accept_local=1 net.ipv4.conf.veth0.accept_local=1
-    fi
     ip -n "$ns" addr add "$ip/24" dev veth0
     case "$kind" in
         dnsmasq) start_dnsmasq "$ns" "$d" "$n" "$ip" ;;
-        owner)   start_dnsmasq "$ns" "$d" "$n" "$ip" ;;
         udhcpd)  start_udhcpd "$ns" "$d" "$n" ;;
         dhcpd)   start_dhcpd "$ns" "$d" "$n" ;;
         kea)     start_kea "$ns" "$d" "$n" ;;
-        responder:*) start_responder "$ns" "$d" "$n" "${kind#responder:}" ;;
         silent)  ;;
-        *) die "unknown host kind: $kind" ;;
+        *) declare -F "start_${kind%%:*}" > /dev/null || die "unknown host kind: $kind"
+           "start_${kind%%:*}" "$ns" "$d" "$n" "${kind#*:}" ;;
     esac
 }
 
 # Every host sends one frame so that br-lan learns it behind its port (the
-# daemon probes only ports with a learned host).  The owner cannot ping
-# 192.168.1.1, which is itself, and hosts behind ports outside the bridge
-# reach nobody: they announce their own address instead.
+# daemon probes only ports with a learned host).  Hosts that cannot ping
+# br-lan (see hosts.sh) announce their own address instead.
 cmd_learn() {
     load_state "$1"
     local port kind ns mac
     while read -r port kind ns; do
         if [ "$kind" = empty ]; then
             continue
-        elif [ "$kind" = owner ] || [ "$DETACHED" = 1 ]; then
+        elif declare -F announces > /dev/null && announces "$kind"; then
             ip netns exec "$ns" busybox arping -q -U -c 1 -w 1 -I veth0 \
                 "$(ip -n "$ns" -4 -o addr show dev veth0 | awk '{ sub("/.*", "", $4); print $4 }')" || true
         else
@@ -290,11 +260,9 @@ cmd_up() {
     local hosts=() s
     for s in "$@"; do
         case "$s" in
-            --no-switch) NO_SWITCH=1 ;;
-            --detached) DETACHED=1 ;;
             --wlan) WLAN=1 ;;
             eth*=*) hosts+=("$s") ;;
-            *) die "unknown up argument: $s" ;;
+            *) declare -F up_option > /dev/null && up_option "$s" || die "unknown up argument: $s" ;;
         esac
     done
     if [ ${#hosts[@]} -eq 0 ]; then
@@ -337,7 +305,7 @@ EOF
         ports+=("${s%%=*}")
     done
     write_fixtures "${ports[@]}"
-    wait_ready
+    ! declare -F wait_ready > /dev/null || wait_ready
     cmd_learn "$STATE"
     trap - EXIT INT TERM
     log "up: router namespace $ROUTER_NS, ports: ${hosts[*]}"

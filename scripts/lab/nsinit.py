@@ -13,14 +13,9 @@ Collects into OUT:
   lanprobe.log  /tmp/lanprobe.log at the end (when present)
   console.txt   everything written to /dev/console
   stdout.txt    the daemon's inherited standard output and error
-For fault runs:
-  --tmp-full blocks|inodes   /tmp is a small tmpfs with no room for data
-                             (blocks) or for a new file (inodes)
-  --strace OPTS              run the daemon under strace with these options
-                             (to deliver a signal on entering a given call)
-  --strace-child OPTS        attach strace with these options to the forked
-                             child as soon as it is seen
 status.json also holds the child's CPU time and the size of the log file.
+The lab's fault rows run it through tests/lab/faultinit.py, which extends the
+Runner below (a full /tmp, the daemon under strace).
 """
 import argparse
 import json
@@ -70,28 +65,7 @@ def other_pids():
     return [int(p) for p in os.listdir('/proc') if p.isdigit() and int(p) != 1]
 
 
-def fill_tmp(how):
-    """Leave /tmp (a small tmpfs) with no room for data or for a new inode.
-    The fillers are dot files, left out of the /tmp listing."""
-    if how == 'blocks':
-        fd = os.open('/tmp/.filler', os.O_WRONLY | os.O_CREAT, 0o600)
-        try:
-            while os.write(fd, b'x' * 512) > 0:
-                pass
-        except OSError:
-            pass
-        os.close(fd)
-    else:
-        n = 0
-        try:
-            while True:
-                os.mkdir('/tmp/.d%d' % n)
-                n += 1
-        except OSError:
-            pass
-
-
-def prepare_mounts(config_dir, console_log, tmp_full=None):
+def prepare_mounts(config_dir, console_log, runner):
     # A scratch tmpfs holds the overlay's upper layer and the console FIFO.
     # /etc gets an overlay so that /etc/config can exist here without being
     # created on the host; the scratch mount is detached again at once (the
@@ -110,25 +84,41 @@ def prepare_mounts(config_dir, console_log, tmp_full=None):
     # The FIFO is held open for reading and writing: the daemon's opens of
     # /dev/console never block and reading never sees an end of file.
     console = os.open('/dev/console', os.O_RDWR | os.O_NONBLOCK)
-    if tmp_full == 'blocks':
-        # One page, filled below: files can be made but cannot grow.
-        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777,size=4k', 'labtmp', '/tmp')
-    elif tmp_full == 'inodes':
-        # Few inodes, used up below: no file can be made at all.
-        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777,nr_inodes=16', 'labtmp', '/tmp')
-    else:
-        sh('mount', '-t', 'tmpfs', '-o', 'mode=1777', 'labtmp', '/tmp')
+    sh('mount', '-t', 'tmpfs', '-o', runner.tmp_options(), 'labtmp', '/tmp')
     if not console_log:
         # The log goes to /tmp/lanprobe.log only when that file already exists;
         # the daemon writes over what an earlier run left, from its first byte.
         with open('/tmp/lanprobe.log', 'w') as f:
             f.write('stale\n')
-    if tmp_full:
-        fill_tmp(tmp_full)
+    runner.fill_tmp()
     return console
 
 
-def main():
+class Runner:
+    """The plain run of the main job; a fault run overrides these."""
+
+    def __init__(self, a):
+        self.a = a
+
+    def tmp_options(self):
+        return 'mode=1777'
+
+    def fill_tmp(self):
+        pass
+
+    def command(self, cmd):
+        return cmd
+
+    def watch(self):
+        """Whether the forked child is looked for as soon as it exists (else
+        it is taken when its parent ends)."""
+        return False
+
+    def child_found(self, pid, status):
+        pass
+
+
+def options():
     ap = argparse.ArgumentParser()
     ap.add_argument('--config', required=True, help='directory bound over /etc/config')
     ap.add_argument('--out', required=True, help='output directory')
@@ -136,12 +126,11 @@ def main():
                     help='no /tmp/lanprobe.log, so that the log goes to the console')
     ap.add_argument('--limit', type=float, default=60.0,
                     help='seconds after which everything left is killed')
-    ap.add_argument('--tmp-full', choices=['blocks', 'inodes'],
-                    help='/tmp without room for data, or for a new file')
-    ap.add_argument('--strace', help='run the daemon under strace with these options, blank-separated')
-    ap.add_argument('--strace-child', help='the same, attached to the forked child once it is seen')
     ap.add_argument('cmd', nargs=argparse.REMAINDER)
-    a = ap.parse_args()
+    return ap
+
+
+def main(a, runner):
     cmd = a.cmd[1:] if a.cmd and a.cmd[0] == '--' else a.cmd
     if os.getpid() != 1:
         sys.exit('nsinit: must be PID 1 of a new PID namespace')
@@ -156,7 +145,7 @@ def main():
     def out_open(name, mode='wb'):
         return open(name, mode, opener=lambda p, f: os.open(p, f, 0o644, dir_fd=outfd))
 
-    console = prepare_mounts(a.config, a.console_log, a.tmp_full)
+    console = prepare_mounts(a.config, a.console_log, runner)
     console_out = out_open('console.txt')
     stdout = out_open('stdout.txt')
 
@@ -170,8 +159,7 @@ def main():
                 return
             console_out.write(data)
 
-    if a.strace:
-        cmd = ['strace', '-f', '-qq', '-o', '/proc/self/fd/2'] + a.strace.split() + ['--'] + cmd
+    run = runner.command(cmd)
     status = {'cmd': cmd, 'parent_pid': None, 'parent': None, 'child_pid': None,
               'child': None, 'placeholder': None, 'others': [], 'timed_out': False}
     t0 = time.monotonic()
@@ -183,23 +171,17 @@ def main():
         for s in (signal.SIGINT, signal.SIGTERM, signal.SIGPIPE):
             signal.signal(s, signal.SIG_DFL)
         try:
-            os.execvp(cmd[0], cmd)
+            os.execvp(run[0], run)
         finally:
             os._exit(127)
-    # Under strace the daemon is strace's child, found by looking (its forked
-    # child may be handed to us before we look).
-    daemon_parent = status['parent_pid'] = None if a.strace else top
-    # The forked child is looked for as soon as it exists only when something
-    # must be done to it while it runs; otherwise it is taken when its parent ends.
-    watch = bool(a.strace or a.strace_child)
+    # Run through another program (strace), the daemon is that one's child,
+    # found by looking (its forked child may be handed to us before we look).
+    daemon_parent = status['parent_pid'] = top if run == cmd else None
+    watch = runner.watch()
 
     def child_found(pid):
         status['child_pid'] = pid
-        if a.strace_child:
-            attach = subprocess.Popen(
-                ['strace', '-qq', '-o', os.path.join(a.out, 'strace-child.txt'), '-p', str(pid)]
-                + a.strace_child.split(), stdin=subprocess.DEVNULL)
-            status['strace_child_pid'] = attach.pid
+        runner.child_found(pid, status)
 
     while True:
         drain()
@@ -219,7 +201,7 @@ def main():
                 if rpid == 0:
                     break
                 now = round((time.monotonic() - t0) * 1000)
-                if rpid == top and a.strace:
+                if rpid == top != daemon_parent:
                     status['strace'] = decode_status(st)
                 elif rpid == daemon_parent:
                     status['parent'] = dict(decode_status(st), ms=now)
@@ -251,10 +233,8 @@ def main():
     drain()
 
     status['elapsed_ms'] = round((time.monotonic() - t0) * 1000)
-    tmp_files = os.listdir('/tmp')
-    if a.tmp_full:
-        tmp_files = [f for f in tmp_files if not f.startswith('.')]
-    status['tmp_files'] = sorted(tmp_files)
+    # Dot files (the fillers of a full /tmp) are left out.
+    status['tmp_files'] = sorted(f for f in os.listdir('/tmp') if not f.startswith('.'))
     log = read_bytes('/tmp/lanprobe.log')
     status['log_bytes'] = None if log is None else len(log)
     for src, dst in (('/tmp/lanprobe_result', 'result'), ('/tmp/lanprobe.log', 'lanprobe.log')):
@@ -269,4 +249,5 @@ def main():
 
 
 if __name__ == '__main__':
-    main()
+    args = options().parse_args()
+    main(args, Runner(args))

@@ -577,7 +577,7 @@ class Lab:
                 f.write('#!/bin/sh\nexec valgrind --leak-check=full --show-leak-kinds=all --track-fds=yes '
                         '--log-file=%s/vg.%%p.log %s "$@"\n' % (self.vg, self.opts.bin))
             os.chmod(binary, 0o755)
-        cmd = [PY, os.path.join(TOP, 'scripts', 'lab', 'nsinit.py'), '--config', config, '--out', out, '--limit', '120']
+        cmd = [PY, os.path.join(HERE, 'faultinit.py'), '--config', config, '--out', out, '--limit', '120']
         for k in ('tmp_full', 'strace', 'strace_child'):
             if row.get(k):
                 cmd += ['--' + k.replace('_', '-'), row[k]]
