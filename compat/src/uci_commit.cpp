@@ -16,7 +16,8 @@ namespace {
 // Types and names go out bare, the way OpenWrt's libuci writes them.  Names
 // are [A-Za-z0-9_] and always read back bare; a type may hold a character a
 // bare word ends at or takes as quoting, and is then quoted, so that the file
-// reads back as the same package.
+// reads back as the same package.  OpenWrt's libuci writes such a type bare
+// (' " \ # ;), and cannot read its own file back for a type holding '.
 void append_word(Buf &out, std::string_view s)
 {
     if (s.find_first_of("'\"\\#;") == std::string_view::npos)

@@ -178,7 +178,11 @@ int save_changes(struct uci_context *ctx, struct uci_package *p)
     CharPtr path = join_path(ctx->savedir, p->e.name);
     if (!path)
         return UCI_ERR_MEM;
-    mode_t mode = p->path && stat(p->path, &st) == 0 ? (st.st_mode & 07777) : UCI_FILEMODE;
+    // The delta file takes the mode of the package's file in the configuration
+    // directory, also when the package was read from the override directory
+    // (/var/run/uci), as OpenWrt's libuci does; 0600 when there is none.
+    CharPtr conf = join_path(ctx->confdir, p->e.name);
+    mode_t mode = conf && stat(conf.get(), &st) == 0 ? (st.st_mode & 07777) : UCI_FILEMODE;
     UniqueFd fd(open(path.get(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode));
     if (fd.get() < 0)
         return UCI_ERR_IO;

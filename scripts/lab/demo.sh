@@ -48,17 +48,21 @@ try:
     found = {e['name']: e for e in json.load(open(os.path.join(out, 'result')))['result']}
 except (OSError, ValueError, KeyError, TypeError):
     found = {}
-row = '%-6s %-6s %-18s %-16s %-15s %-15s'
-print(row % ('port', 'label', 'server MAC', 'offered address', 'gateway', 'DNS'))
+rows = [('port', 'label', 'server MAC', 'offered address', 'gateway', 'DNS')]
 for p in ports:
     e = found.get(p)
     if e:
-        print(row % (p, e['label'], e['mac'], e.get('pre_assigned_ip', '-'),
-                     e.get('gateway_ip', '-'), e.get('dns_ip', '-')))
+        rows.append((p, e['label'], e['mac'], e.get('pre_assigned_ip', '-'), e.get('gateway_ip', '-'),
+                     e.get('dns_ip', '-')))
     elif 'Send DHCP Discovery packet success via dev:%s\n' % p in log:
-        print(row % (p, labels.get(p, ''), 'no server', '', '', ''))
+        rows.append((p, labels.get(p, ''), 'no server'))
     else:
-        print(row % (p, labels.get(p, ''), 'not probed (no host learned)', '', '', ''))
+        rows.append((p, labels.get(p, ''), 'not probed (no host learned)'))
+# Columns as wide as their longest cell; a port's status text stands in the
+# server MAC column and its row ends there.
+widths = [max(len(r[i]) for r in rows if i < len(r)) for i in range(6)]
+for r in rows:
+    print('  '.join(c.ljust(w) for c, w in zip(r, widths)).rstrip())
 child = status.get('child') or {}
 end = ('exit status %s' % child['exit'] if child.get('exit') is not None
        else 'killed by signal %s' % child.get('signal'))

@@ -12,7 +12,7 @@ extern "C" {
 }
 
 #include "core/detect_cycle.h"
-#include "core/lan_discovery.h"
+#include "registry/lan_discovery.h"
 #include "core/startup.h"
 #include "registry/device_table.h"
 #include "support/log.h"

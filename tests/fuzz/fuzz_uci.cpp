@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "core/lan_discovery.h"
+#include "registry/lan_discovery.h"
 #include "fuzz/sandbox.h"
 #include "support/uci_access.h"
 

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "core/lan_discovery.h"
+#include "registry/lan_discovery.h"
 #include "support/log.h"
 #include "support/testkit.h"
 #include "support/uci_access.h"

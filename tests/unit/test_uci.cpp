@@ -294,6 +294,28 @@ TEST(UciDelta, SaveAndCommit)
         EXPECT_EQ(dump(p), kDeltaBaseDump);
         EXPECT_EQ(tk::read_file("/etc/config/test"), std::string("# kept\n") + kDeltaBase);
         uci_free_context(ctx);
+
+        // A package read from the override directory (its file at 0604): the
+        // delta file takes the mode of /etc/config/test, or 0600 without one.
+        ASSERT_TRUE(tk::sh("mount -t tmpfs tmpfs /run && mkdir -p /var/run/uci"));
+        for (mode_t conf : {0640, 0}) {
+            ASSERT_TRUE(tk::sh("rm -f /tmp/.uci/test /etc/config/test"));
+            tk::write_file("/var/run/uci/test", kDeltaBase);
+            chmod("/var/run/uci/test", 0604);
+            if (conf) {
+                tk::write_file("/etc/config/test", kDeltaBase);
+                chmod("/etc/config/test", conf);
+            }
+            ctx = uci_alloc_context();
+            strcpy(key, "test.wan.v=1");
+            ASSERT_EQ(uci_lookup_ptr(ctx, &ptr, key, true), UCI_OK);
+            ASSERT_EQ(uci_set(ctx, &ptr), UCI_OK);
+            ASSERT_EQ(uci_save(ctx, ptr.p), UCI_OK);
+            struct stat st;
+            ASSERT_EQ(stat("/tmp/.uci/test", &st), 0);
+            EXPECT_EQ(st.st_mode & 07777, conf ? 0640u : 0600u);
+            uci_free_context(ctx);
+        }
     });
 }
 

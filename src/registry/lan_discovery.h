@@ -1,8 +1,8 @@
 // Discovery of the LAN interfaces at start-up: the member ports of br-lan (or
 // else the names in network.lan.ifname) become the interface table, and the
 // switch configuration gives the Ethernet ports their port number and label.
-#ifndef LANPROBE_CORE_LAN_DISCOVERY_H
-#define LANPROBE_CORE_LAN_DISCOVERY_H
+#ifndef LANPROBE_REGISTRY_LAN_DISCOVERY_H
+#define LANPROBE_REGISTRY_LAN_DISCOVERY_H
 
 #include <stddef.h>
 

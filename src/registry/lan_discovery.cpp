@@ -1,5 +1,5 @@
 // LAN interface discovery.
-#include "core/lan_discovery.h"
+#include "registry/lan_discovery.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -12,6 +12,8 @@
 
 #include <uci.h>
 
+// Discovery builds on the bridge subsystem: the member ports of br-lan come
+// from its port enumeration.
 #include "bridge/br_port.h"
 #include "support/log.h"
 #include "support/result_codes.h"
@@ -230,7 +232,6 @@ int get_eth_atrribute(t_device *dev_hashmap_head)
 
 int get_wan_device_name(char *buf, size_t size)
 {
-    LOG_MSG(LOG_LEVEL_DEBUG, "Entering function: get_wan_device_name!\n");
     if (!buf || size == 0)
         return LP_ERR_INVALID;
 
