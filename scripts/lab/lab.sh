@@ -168,9 +168,6 @@ EOF
     wait_udp67 "$ns" "kea-eth$n" "$(last_pid)"
 }
 
-# Host kinds and up options that only the test rows use.
-[ -f "$TOP/tests/lab/hosts.sh" ] && . "$TOP/tests/lab/hosts.sh"
-
 # ------------------------------------------------------------------ fixtures
 write_fixtures() {   # eth port names...
     mkdir -p "$STATE/config"
@@ -200,6 +197,35 @@ EOF
     } > "$STATE/config/switch"
 }
 
+# ------------------------------------------------------------------ router
+# The router is a network namespace holding br-lan; tests/vm/router.sh puts a
+# virtual machine in its place (these four functions).
+router_up() {   # eth port names...
+    ip -n "$ROUTER_NS" link add br-lan address "$BR_MAC" type bridge
+    ip -n "$ROUTER_NS" addr add "$BR_IP/24" dev br-lan
+    ip -n "$ROUTER_NS" link set br-lan up
+    if [ "$WLAN" = 1 ]; then
+        # A member without switch attributes and without anything behind it.
+        # Its peer sits in a namespace of its own: left in the router's, it
+        # would answer ARP for br-lan's address and be learned as a host.
+        new_ns "${LAB_ID}w"
+        ip -n "$ROUTER_NS" link add wlan0 type veth peer name wlan0 netns "${LAB_ID}w"
+        ip -n "$ROUTER_NS" link set wlan0 master br-lan
+        ip -n "${LAB_ID}w" link set wlan0 up
+        ip -n "$ROUTER_NS" link set wlan0 up
+    fi
+}
+
+# The router's end of port N and the host's veth0 in namespace NS.
+link_port() {   # ethN N NS
+    ip -n "$ROUTER_NS" link add "$1" address "$(port_mac "$2")" type veth \
+        peer name veth0 netns "$3" address "$(host_mac "$2")"
+    [ "$DETACHED" = 1 ] || ip -n "$ROUTER_NS" link set "$1" master br-lan
+    ip -n "$ROUTER_NS" link set "$1" up
+}
+
+router_ready() { :; }
+
 # ------------------------------------------------------------------ up
 add_port() {   # ethN KIND
     local port=$1 kind=$2 n ns d ip
@@ -210,10 +236,7 @@ add_port() {   # ethN KIND
     mkdir -p "$d"
     new_ns "$ns"
     echo "$port $kind $ns" >> "$STATE/ports"
-    ip -n "$ROUTER_NS" link add "$port" address "$(port_mac "$n")" type veth \
-        peer name veth0 netns "$ns" address "$(host_mac "$n")"
-    [ "$DETACHED" = 1 ] || ip -n "$ROUTER_NS" link set "$port" master br-lan
-    ip -n "$ROUTER_NS" link set "$port" up
+    link_port "$port" "$n" "$ns"
     ip -n "$ns" link set veth0 up
     [ "$kind" = empty ] && return 0
     ip=$(host_ip "$n")
@@ -234,7 +257,8 @@ add_port() {   # ethN KIND
 # br-lan (see hosts.sh) announce their own address instead.
 cmd_learn() {
     load_state "$1"
-    local port kind ns mac
+    local port kind ns
+    router_ready
     while read -r port kind ns; do
         if [ "$kind" = empty ]; then
             continue
@@ -245,7 +269,11 @@ cmd_learn() {
             ip netns exec "$ns" busybox ping -q -c 1 -W 2 "$BR_IP" > /dev/null || die "$port: host cannot reach br-lan"
         fi
     done < "$STATE/ports"
-    [ "$DETACHED" = 1 ] && return 0
+    [ "$DETACHED" = 1 ] || check_learned
+}
+
+check_learned() {
+    local port kind ns mac
     while read -r port kind ns; do
         [ "$kind" = empty ] && continue
         mac=$(host_mac "$(port_index "$port")")
@@ -286,25 +314,11 @@ EOF
     trap 'exit 130' INT TERM
 
     new_ns "$ROUTER_NS"
-    ip -n "$ROUTER_NS" link add br-lan address "$BR_MAC" type bridge
-    ip -n "$ROUTER_NS" addr add "$BR_IP/24" dev br-lan
-    ip -n "$ROUTER_NS" link set br-lan up
-    if [ "$WLAN" = 1 ]; then
-        # A member without switch attributes and without anything behind it.
-        # Its peer sits in a namespace of its own: left in the router's, it
-        # would answer ARP for br-lan's address and be learned as a host.
-        new_ns "${LAB_ID}w"
-        ip -n "$ROUTER_NS" link add wlan0 type veth peer name wlan0 netns "${LAB_ID}w"
-        ip -n "$ROUTER_NS" link set wlan0 master br-lan
-        ip -n "${LAB_ID}w" link set wlan0 up
-        ip -n "$ROUTER_NS" link set wlan0 up
-    fi
     local ports=()
-    for s in "${hosts[@]}"; do
-        add_port "${s%%=*}" "${s#*=}"
-        ports+=("${s%%=*}")
-    done
+    for s in "${hosts[@]}"; do ports+=("${s%%=*}"); done
     write_fixtures "${ports[@]}"
+    router_up "${ports[@]}"
+    for s in "${hosts[@]}"; do add_port "${s%%=*}" "${s#*=}"; done
     ! declare -F wait_ready > /dev/null || wait_ready
     cmd_learn "$STATE"
     trap - EXIT INT TERM
@@ -372,6 +386,10 @@ cmd_exec() {
     fi
     ip netns exec "$ns" "$@"
 }
+
+# Host kinds and up options that only the test rows use, and the virtual
+# router that stands in for the router namespace (LAB_VM).
+[ -f "$TOP/tests/lab/hosts.sh" ] && . "$TOP/tests/lab/hosts.sh"
 
 [ "$(id -u)" = 0 ] || die "needs root (network namespaces)"
 cmd=${1:-}; [ $# -ge 2 ] || die "usage: lab.sh up|learn|run|exec|down STATE ..."

@@ -51,3 +51,6 @@ wait_ready() {
     done < "$STATE/pending"
     rm -f "$STATE/pending"
 }
+
+# LAB_VM=ARCH: the router is a virtual machine (tests/vm/router.sh).
+[ -z "${LAB_VM:-}" ] || . "$TOP/tests/vm/router.sh"

@@ -22,6 +22,8 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TOP = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(TOP, 'tests', 'vm'))
+import vmlab  # noqa: E402
 LAB = os.path.join(TOP, 'scripts', 'lab', 'lab.sh')
 PY = '/usr/bin/python3'
 LINE = re.compile(r'^\[lanprobe\]\[(Critical|Error|Warning|Notice|Info|Debug)\]\[(-?\d+)\]\[(\w+):\d+\]: (.*)$')
@@ -299,6 +301,7 @@ FOUR = ['eth0', 'eth1', 'eth2', 'eth3']
 ANSWER = ['eth0=dnsmasq', 'eth1=empty']
 SILENT = ['eth0=dnsmasq', 'eth1=silent']
 TERM = ['eth0=dnsmasq', 'eth1=udhcpd', 'eth2=empty']
+ARM, BOTH = ('aarch64',), ('aarch64', 'mipsel')      # the virtual routers a row runs on
 
 
 def ck_default(r, lab):
@@ -418,6 +421,12 @@ def ck_term(sent_before, copies, last=None):
     return ck
 
 
+def ck_term_vm(r, lab):
+    check(r.status.get('term') and r.count('Send Arp packet success for: *') == 3 and
+          fnmatch.fnmatchcase(r.msgs[-2], 'Send Arp packet success for: *eth2') and not r.count('Trying to recv Arp packet*')
+          and not r.count('Ready to send DHCP Discovery packet*'), 'went on after the signal: %r' % r.msgs[-3:])
+
+
 def ck_term_write(r, lab):
     check('SI_KERNEL' in (r.read('strace-child.txt') or ''), 'no SIGTERM injected')
     check(r.msgs[-2].startswith('Detection over'), 'the write was not followed by its end: %r' % r.msgs[-3:])
@@ -470,25 +479,25 @@ def strace(call, when=1):
 
 
 ROWS = {
-    'default': dict(layout=DEFAULT, args=['-d', '7', '-v', 'eth9'], result=FOUR, end='deadline', check=ck_default,
+    'default': dict(layout=DEFAULT, vm=BOTH, args=['-d', '7', '-v', 'eth9'], result=FOUR, end='deadline', check=ck_default,
                     lines=["Device:eth9 doesn't existed in network.lan! Detect in all lans in default!"]),
     'v_silent': dict(layout=DEFAULT, args=['-d', '7', '-v', 'eth4', '-t', '1000'], result=[], end='deadline',
                      check=ck_v_silent),
-    'v_server': dict(layout=DEFAULT, args=['-d', '7', '-v', 'eth1'], result=['eth1'], end='answered',
+    'v_server': dict(layout=DEFAULT, vm=ARM, args=['-d', '7', '-v', 'eth1'], result=['eth1'], end='answered',
                      check=lambda r, lab: first_poll(r) or check(sends(r, 'eth1') == 1, 'sends')),
     'servers': dict(layout=['eth0=dnsmasq', 'eth1=udhcpd', 'eth2=dhcpd', 'eth3=kea', 'eth5=empty'], args=['-d', '7'],
                     result=FOUR, end='answered', check=lambda r, lab: first_poll(r)),
-    'parser': dict(layout=['eth0=responder:two-routers', 'eth1=responder:pad-first', 'eth2=responder:wrong-xid',
+    'parser': dict(vm=BOTH, layout=['eth0=responder:two-routers', 'eth1=responder:pad-first', 'eth2=responder:wrong-xid',
                            'eth3=responder:own-mac'], args=['-d', '7'], end='answered', check=ck_parser,
                    result=['eth0:nogw', 'eth1:nogw:nodns', 'eth2', 'eth3']),
     'late': dict(layout=['eth0=responder:late'], args=['-d', '7', '-t', '1000'], result=['eth0'], end='answered',
                  console='Success set lanprobe timeout to 1000ms!', check=ck_late),
-    'owner': dict(layout=['eth0=owner', 'eth1=dnsmasq'], args=['-d', '7'], result=['eth0:owner', 'eth1'],
+    'owner': dict(vm=ARM, layout=['eth0=owner', 'eth1=dnsmasq'], args=['-d', '7'], result=['eth0:owner', 'eth1'],
                   end='answered', check=ck_owner),
     'arp_short': dict(layout=['eth0=responder:arp-short', 'eth1=empty'], args=['-d', '7'], result=['eth0'],
                       end='answered', check=ck_arp_short),
     'no_switch': dict(layout=['--no-switch'] + SILENT, args=[], result='placeholder', check=ck_no_switch),
-    'no_members': dict(layout=['--detached'] + SILENT, args=['-d', '7'], console_log=True, result=[], end='answered',
+    'no_members': dict(vm=ARM, layout=['--detached'] + SILENT, args=['-d', '7'], console_log=True, result=[], end='answered',
                        check=ck_no_members),
     'help': dict(layout=['eth0=empty'], args=['-d', '0', '-t', '0', '-h'], end='refused', check=ck_help),
     'port_deleted': dict(layout=SILENT, args=['-d', '7', '-t', '3000'], during=('eth1', 'ip link del eth1'),
@@ -531,6 +540,10 @@ ROWS = {
                          **strace('epoll_wait')),
     'term_write': dict(layout=TERM, args=['-d', '7'], result=['eth0', 'eth1'], check=ck_term_write,
                        strace_child='-P /tmp/lanprobe_result -e trace=openat -e inject=openat:signal=TERM:when=1'),
+    # The virtual router's SIGTERM: from its runner, when the forked child
+    # first sleeps in poll, the pause after the first three ARP sends.
+    'term_arp_vm': dict(layout=TERM, args=['-d', '7'], result='placeholder', host=False, vm=BOTH, term_in='poll',
+                        check=ck_term_vm),
     'hostile': dict(layout=['eth0=udhcpd', 'eth1=empty'], args=['-d', '7'], flood='eth0', result=['eth0'],
                     end='answered', check=ck_hostile),
     'valgrind': dict(layout=ANSWER, args=['-d', '7'], valgrind=True, result=['eth0'], end='answered', check=ck_valgrind),
@@ -542,7 +555,10 @@ class Lab:
         self.row, self.opts, self.runs, self.figures = row, opts, 0, []
         self.base = tempfile.mkdtemp(prefix='lanprobe-lab.', dir=opts.workdir)
         self.state = os.path.join(self.base, 'state')
-        subprocess.run(['bash', LAB, 'up', self.state] + row['layout'], check=True, env=dict(os.environ, LAB_QUIET='1'))
+        self.vm = opts.target[3:] if opts.target.startswith('vm:') else None
+        extra = vmlab.env(row, self.vm, opts.vm_dir) if self.vm else {}
+        subprocess.run(['bash', LAB, 'up', self.state] + row['layout'], check=True,
+                       env=dict(os.environ, LAB_QUIET='1', **extra))
 
     def exec(self, name, *cmd, **kw):
         return subprocess.run(['bash', LAB, 'exec', self.state, name] + list(cmd), check=True, **kw)
@@ -563,6 +579,10 @@ class Lab:
         self.runs += 1
         out = os.path.join(self.base, 'run%d' % self.runs)
         os.makedirs(out)
+        if self.vm:     # the VM has run the daemon as it booted
+            with open(os.path.join(out, 'status.json'), 'w') as f:
+                json.dump(vmlab.collect(self.state, out, row['args']), f)
+            return Run(out, row)
         config = os.path.join(self.state, 'config')
         if row.get('config'):
             config = os.path.join(self.base, 'config%d' % self.runs)
@@ -654,16 +674,22 @@ def main():
     ap.add_argument('--keep', action='store_true', help="keep a failed row's lab and outputs")
     ap.add_argument('--workdir', default='/var/tmp')
     ap.add_argument('--list', action='store_true')
+    ap.add_argument('--target', default='host', help='host, or vm:aarch64 / vm:mipsel (tests/vm/run.sh)')
+    ap.add_argument('--vm-dir', help='the virtual router built by tests/vm/image.sh')
     ap.add_argument('names', nargs='*')
     a = ap.parse_args()
+    # A row runs on the host unless it says host=False, on a virtual router
+    # where its vm names that CPU.
+    rows = [n for n, r in ROWS.items()
+            if (a.target == 'host' and r.get('host', True)) or a.target[3:] in r.get('vm', ())]
     if a.list:
-        print(';'.join(ROWS))
+        print(';'.join(rows))
         return 0
     a.bin = os.path.abspath(a.bin)
     for s in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
         signal.signal(s, lambda *_: sys.exit(130))
     failed = 0
-    for name in a.names or list(ROWS):
+    for name in a.names or rows:
         t = time.monotonic()
         try:
             figures = run_row(name, a)
