@@ -9,9 +9,9 @@
 #   4. the daemon in every build type with gcc and clang, warnings as errors;
 #   5. the OpenWrt package recipe run against a staging prefix;
 #   6. the daemon and the tests against musl for big-endian MIPS (the router's
-#      C library, the byte order that differs), run under qemu-user; little-
-#      endian MIPS and AArch64: `sh scripts/cross.sh musl`, see
-#      docs/PORTABILITY.md.
+#      C library, the byte order that differs), run under qemu-user;
+#   7. the lab's rows on virtual routers: the musl daemon on Debian's AArch64
+#      and little-endian MIPS kernels under qemu (tests/vm/run.sh).
 # Every step runs; the script fails if any step failed.
 set -u
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -44,6 +44,8 @@ step fuzz-short sh "$top/tests/fuzz/run.sh" 8
 step build-matrix sh "$top/scripts/build-matrix.sh" native
 step package-check sh "$top/scripts/package-check.sh" native
 step cross-musl-mips sh "$top/scripts/cross.sh" musl mips --root
+step vm-aarch64 sh "$top/tests/vm/run.sh" aarch64
+step vm-mipsel sh "$top/tests/vm/run.sh" mipsel
 
 [ -z "$failed_steps" ] || echo "failed steps:$failed_steps"
 echo "test steps: $passed passed, $failed failed"

@@ -6,7 +6,8 @@
 #   tests/vm/image.sh ARCH DIR      -> DIR/kernel, DIR/base.cpio.gz, DIR/qemu
 #
 # DIR/qemu holds the machine's qemu command (without network devices and
-# initrd) and, on a second line, its serial console.  Packages are fetched once into DIR/debs.
+# initrd) and, on the next lines, its serial console and what each NIC
+# device adds to its options.  Packages are fetched once into DIR/debs.
 set -eu
 arch=$1 dir=$2
 top=$(cd "$(dirname "$0")/../.." && pwd)
@@ -15,7 +16,9 @@ case $arch in
     aarch64) deb=arm64 flavour=arm64-unsigned qemu=qemu-system-arm
              cmd="qemu-system-aarch64 -M virt -cpu cortex-a53" console=ttyAMA0 ;;
     mipsel) deb=mipsel flavour=4kc-malta qemu=qemu-system-mips
-            cmd="qemu-system-mipsel -M malta -vga none" console=ttyS0 ;;
+            # Malta's own PCI bus has too few slots for eight ports: the NICs
+            # sit behind a PCI bridge.
+            cmd="qemu-system-mipsel -M malta -vga none -device pci-bridge,id=pb,chassis_nr=1" console=ttyS0 nic=,bus=pb ;;
     *) echo "vm: no virtual router for $arch" >&2; exit 2 ;;
 esac
 mkdir -p "$dir/debs"
@@ -56,5 +59,5 @@ stage=${LANPROBE_CROSS_STAGE:-$top/out/cross}/musl/$arch
 cp "$top/tests/vm/init.sh" "$root/init"
 chmod +x "$root/init"
 (cd "$root" && find . | cpio -o -H newc --quiet | gzip -1) > "$dir/base.cpio.gz"
-printf '%s\n%s\n' "$cmd" "$console" > "$dir/qemu"
+printf '%s\n%s\n%s\n' "$cmd" "$console" "${nic:-}" > "$dir/qemu"
 echo "vm: $arch router in $dir ($(ls "$dir"/debs | tr '\n' ' '))"

@@ -8,8 +8,9 @@
 # LAB_VM_TERM_IN (system call numbers, see vmrun.c) go into the VM's run.env.
 
 router_up() {   # eth port names...
-    local d="$STATE/vm" i=0 p mac hosts_up=0 list="" nets=() s qemu console
+    local d="$STATE/vm" i=0 p mac hosts_up=0 list="" nets=() s qemu console nic
     mkdir -p "$d/root/etc"
+    { read -r qemu; read -r console; read -r nic; } < "$LAB_VM_DIR/qemu"
     [ "$WLAN" = 1 ] && set -- "$@" wlan0
     for p in "$@"; do
         if [ "$p" = wlan0 ]; then mac=02:1a:00:00:00:0f; else mac=$(port_mac "$(port_index "$p")"); fi
@@ -17,7 +18,7 @@ router_up() {   # eth port names...
         ip -n "$ROUTER_NS" link set "tap$i" up
         echo "$p tap$i" >> "$d/taps"
         nets+=(-netdev "tap,id=n$i,ifname=tap$i,script=no,downscript=no"
-               -device "virtio-net-pci,netdev=n$i,mac=$mac,romfile=")
+               -device "virtio-net-pci,netdev=n$i,mac=$mac,romfile=${nic:+$nic,addr=$((i + 1))}")
         list="$list $mac=$p"
         i=$((i + 1))
     done
@@ -27,7 +28,6 @@ router_up() {   # eth port names...
     printf 'PORTS="%s"\nDETACHED=%s\nHOSTS=%s\nCONSOLE_LOG=%s\nTERM_IN=%s\nARGS="%s"\n' "${list# }" "$DETACHED" \
         "$hosts_up" "${LAB_VM_CONSOLE_LOG:-0}" "${LAB_VM_TERM_IN:--}" "${LAB_VM_ARGS:-}" > "$d/root/run.env"
     (cd "$d/root" && find . | cpio -o -H newc --quiet | gzip -1) | cat "$LAB_VM_DIR/base.cpio.gz" - > "$d/initrd"
-    { read -r qemu; read -r console; } < "$LAB_VM_DIR/qemu"
     # shellcheck disable=SC2086
     spawn vm "$ROUTER_NS" $qemu -m 256 -nographic -no-reboot -monitor none -serial "file:$d/serial.txt" \
         -kernel "$LAB_VM_DIR/kernel" -initrd "$d/initrd" -append "console=$console quiet panic=-1" "${nets[@]}"
