@@ -40,6 +40,7 @@ export DEBIAN_FRONTEND=noninteractive
 . "$top/scripts/cross/common.sh"
 . "$top/scripts/cross/system_libs.sh"
 . "$top/scripts/cross/musl.sh"
+. "$top/tests/build/cross-checks.sh"
 
 usage() {
     echo "usage: $0 aarch64|mips|all [--no-test] | musl [mips|mipsel|aarch64] [--no-test] [--root]" \

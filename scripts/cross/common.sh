@@ -140,41 +140,6 @@ build_arch() {
     cmake --build "$bdir" -j "$jobs"
 }
 
-# The binary checks (no libstdc++ needed at run time, no exception runtime)
-# with the target's binutils.
-check_binary_arch() {
-    check_binary_at "$1" "$top/build-cross-$1/lanprobe"
-}
-
-check_binary_at() {
-    triplet=$(triplet_of "$1")
-    check_binary_with "$triplet-readelf" "$triplet-nm" "$2"
-}
-
-# check_binary_with <readelf> <nm> <binary>: tests/unit/check_binary.sh with
-# the given tools standing in for readelf and nm.
-check_binary_with() {
-    tools=$(mktemp -d)
-    ln -s "$(command -v "$1")" "$tools/readelf"
-    ln -s "$(command -v "$2")" "$tools/nm"
-    rc=0
-    PATH="$tools:$PATH" sh "$top/tests/unit/check_binary.sh" "$3" || rc=$?
-    rm -rf "$tools"
-    return $rc
-}
-
-# Tests labelled root need namespaces, bridges or packet sockets of the build
-# machine's kernel and stay native; everything else runs under qemu-user
-# through the toolchain's CMAKE_CROSSCOMPILING_EMULATOR.  footprint_binary is
-# run by check_binary_arch with the target's binutils instead.
-test_arch() {
-    arch=$1
-    note "testing $arch under qemu-user"
-    check_binary_arch "$arch"
-    (cd "$top/build-cross-$arch" &&
-        ctest -LE 'root|lab' -E '^footprint_binary$' -j "$jobs" --output-on-failure)
-}
-
 # Stripped size (what the package installs) and the shared libraries the
 # daemon needs on the target.
 sizes_arch() {

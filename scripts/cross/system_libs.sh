@@ -7,7 +7,7 @@
 # libraries found by name under a prefix, nothing from compat/ directly.
 # With an architecture the same is done with its cross toolchain, the way an
 # OpenWrt build runs CMake: only the toolchain's root paths are searched.
-# Sourced by scripts/cross.sh and scripts/package-check.sh after
+# Sourced by scripts/cross.sh and tests/build/package-check.sh after
 # scripts/cross/common.sh; expects top, stage_root and jobs.
 
 # toolchain_arg native|aarch64|mips: the cmake argument that selects the
@@ -78,7 +78,7 @@ system_libs() {
     fi
     rm -rf "$dest"
     if [ "$sarch" = native ]; then
-        sh "$top/tests/unit/check_binary.sh" "$sbuild/lanprobe" || fail=1
+        sh "$top/tests/build/check_binary.sh" "$sbuild/lanprobe" || fail=1
     else
         check_binary_at "$sarch" "$sbuild/lanprobe" || fail=1
     fi

@@ -2,7 +2,7 @@
 # Builds the OpenWrt package the way the build system does and checks what
 # comes out (run as root: missing packages are installed with apt-get).
 #
-#   scripts/package-check.sh [native|aarch64|mips|all]...
+#   tests/build/package-check.sh [native|aarch64|mips|all]...
 #
 # native (the default) is checked twice, as a release build and as a debug
 # build (CONFIG_DEBUG: RelWithDebInfo); aarch64 and mips are release builds
@@ -10,7 +10,7 @@
 # from scripts/cross.sh's dependency steps); all is the three of them.
 #
 # The recipe packaging/openwrt/lanprobe/Makefile is run by make itself, with
-# scripts/package-check/ standing in for the OpenWrt build tree (rules.mk,
+# tests/build/package-check/ standing in for the OpenWrt build tree (rules.mk,
 # include/package.mk, include/cmake.mk), so its own Build/Prepare,
 # CMAKE_OPTIONS and Package/lanprobe/install are what run: the sources it
 # copies go into a fresh build directory, CMake is configured as OpenWrt's
@@ -28,7 +28,7 @@
 # names compat/; the link used the staged libuci, libubox and json-c;
 # usr/sbin/lanprobe is the only file installed, is executable and is what the
 # package contains; the binary is built for the target, needs no libstdc++ and
-# carries no exception runtime (tests/unit/check_binary.sh); every shared
+# carries no exception runtime (tests/build/check_binary.sh); every shared
 # library it needs besides the C library is one the recipe's DEPENDS names;
 # natively, `lanprobe -h` prints the usage on /dev/console (a file mounted over
 # it in a private mount namespace).
@@ -37,7 +37,7 @@
 # source tree by default), made afresh on every run; make's output goes to
 # make.log there.  Exit status 0 only when every check of every variant passed.
 set -eu
-top=$(cd "$(dirname "$0")/.." && pwd)
+top=$(cd "$(dirname "$0")/../.." && pwd)
 out=${LANPROBE_PACKAGE_DIR:-$top/build-package}
 stage_root=${LANPROBE_CROSS_STAGE:-$top/out/cross}
 jobs=${LANPROBE_PACKAGE_JOBS:-2}
@@ -46,6 +46,7 @@ export DEBIAN_FRONTEND=noninteractive
 
 . "$top/scripts/cross/common.sh"
 . "$top/scripts/cross/system_libs.sh"
+. "$top/tests/build/cross-checks.sh"
 
 variants=""
 for a in "$@"; do
@@ -129,7 +130,7 @@ check_variant() {
     # The recipe is copied into a package tree as a developer does.
     cp -R "$recipe_dir" "$work/package/"
     pkg="$work/package/$(basename "$recipe_dir")"
-    set -- -C "$pkg" --no-print-directory TOPDIR="$top/scripts/package-check" \
+    set -- -C "$pkg" --no-print-directory TOPDIR="$top/tests/build/package-check" \
         BUILD_DIR="$work/build_dir" STAGING_DIR="$staging" \
         TARGET_CC="$cc" TARGET_CXX="$cxx" CPU_CFLAGS="$cpu_cflags" \
         CMAKE_SYSTEM_PROCESSOR="$processor" NINJA_JOBS="$jobs" \
@@ -246,7 +247,7 @@ EOF
     fi
     rc=0
     if [ "$arch" = native ]; then
-        msg=$(sh "$top/tests/unit/check_binary.sh" "$bin") || rc=$?
+        msg=$(sh "$top/tests/build/check_binary.sh" "$bin") || rc=$?
     else
         msg=$(check_binary_at "$arch" "$bin") || rc=$?
     fi

@@ -2,7 +2,7 @@
 # Builds lanprobe with warnings as errors (-DLANPROBE_WERROR=ON) for every
 # standard build type and compiler and prints one line per combination.
 #
-#   scripts/build-matrix.sh [native] [cross] [whole]
+#   tests/build/build-matrix.sh [native] [cross] [whole]
 #
 # native (the default): the daemon and compat/ with gcc and clang, each in
 #         Debug, Release, RelWithDebInfo and MinSizeRel.
@@ -26,7 +26,7 @@
 # LANPROBE_MATRIX_JOBS the build parallelism (default 2).  Exit status 0 only
 # when every combination built without a warning.
 set -eu
-top=$(cd "$(dirname "$0")/.." && pwd)
+top=$(cd "$(dirname "$0")/../.." && pwd)
 out=${LANPROBE_MATRIX_DIR:-$top/build-matrix}
 jobs=${LANPROBE_MATRIX_JOBS:-2}
 compilers=${LANPROBE_MATRIX_COMPILERS:-gcc clang}

@@ -41,8 +41,8 @@ release_suite() {
 step release-suite release_suite
 step sanitized-suite bash "$top/tests/sanitized.sh" -j3
 step fuzz-short sh "$top/tests/fuzz/run.sh" 8
-step build-matrix sh "$top/scripts/build-matrix.sh" native
-step package-check sh "$top/scripts/package-check.sh" native
+step build-matrix sh "$top/tests/build/build-matrix.sh" native
+step package-check sh "$top/tests/build/package-check.sh" native
 step cross-musl-mips sh "$top/scripts/cross.sh" musl mips --root
 step vm-aarch64 sh "$top/tests/vm/run.sh" aarch64
 step vm-mipsel sh "$top/tests/vm/run.sh" mipsel
