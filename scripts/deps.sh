@@ -3,7 +3,7 @@
 set -eu
 export DEBIAN_FRONTEND=noninteractive
 PKGS="build-essential cmake pkg-config git libjson-c-dev uthash-dev libgtest-dev googletest
-      clang libclang-rt-14-dev valgrind strace iproute2 util-linux procps psmisc tcpdump
+      clang libclang-rt-14-dev ninja-build valgrind strace iproute2 util-linux procps psmisc tcpdump
       dnsmasq-base busybox isc-dhcp-server kea-dhcp4-server python3"
 missing=""
 for p in $PKGS; do
