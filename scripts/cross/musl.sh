@@ -126,7 +126,7 @@ gtest_targets() {
         while read -r target props; do
             labels=$(echo ";$props;" | sed -n 's/.*;LABELS;//p')
             root=0 lab=0
-            case ";$labels" in *";root;"*) root=1 ;; esac
+            case ";$labels" in *";kernel;"*) root=1 ;; esac
             case ";$labels" in *";lab;"*) lab=1 ;; esac
             case $want in
                 plain) [ $root -eq 0 ] && [ $lab -eq 0 ] && echo "$target" ;;

@@ -26,7 +26,7 @@ check_binary_with() {
     return $rc
 }
 
-# Tests labelled root need namespaces, bridges or packet sockets of the build
+# Tests labelled kernel need namespaces, bridges or packet sockets of the build
 # machine's kernel and stay native; everything else runs under qemu-user
 # through the toolchain's CMAKE_CROSSCOMPILING_EMULATOR.  footprint_binary is
 # run by check_binary_arch with the target's binutils instead.
@@ -35,7 +35,7 @@ test_arch() {
     note "testing $arch under qemu-user"
     check_binary_arch "$arch"
     (cd "$top/build-cross-$arch" &&
-        ctest -LE 'root|lab' -E '^footprint_binary$' -j "$jobs" --output-on-failure)
+        ctest -LE 'kernel|lab|build' -E '^footprint_binary$' -j "$jobs" --output-on-failure)
 }
 
 # What the daemon binary may carry on musl: no C++ runtime library and no
@@ -131,10 +131,10 @@ test_musl() {
     exclude='footprint_binary'
     [ -n "$skipped" ] && exclude="$exclude|($skipped)_NOT_BUILT"
     note "$arch: tests under qemu-user"
-    (cd "$bdir" && ctest -LE 'root|lab' -E "^($exclude)\$" -j "$jobs" --output-on-failure) || trc=1
+    (cd "$bdir" && ctest -LE 'kernel|lab|build' -E "^($exclude)\$" -j "$jobs" --output-on-failure) || trc=1
     if [ "${musl_root_tests:-0}" -eq 1 ]; then
         note "$arch: root-labelled tests under qemu-user"
-        (cd "$bdir" && ctest -L root -LE 'lab|fuzz' -E "^($exclude|$musl_qemu_gaps)\$" -j "$jobs" \
+        (cd "$bdir" && ctest -L kernel -E "^($exclude|$musl_qemu_gaps)\$" -j "$jobs" \
             --output-on-failure) || trc=1
     fi
     return $trc
