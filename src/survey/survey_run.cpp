@@ -1,0 +1,199 @@
+#include "survey/survey_run.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "survey/probe_frames.h"
+
+namespace {
+
+uint32_t draw_xid()
+{
+    uint32_t x = 0;
+    if (getrandom(&x, sizeof x, GRND_NONBLOCK) != sizeof x) {
+        struct timespec t;
+        clock_gettime(CLOCK_MONOTONIC, &t);
+        x = static_cast<uint32_t>(t.tv_nsec) ^ static_cast<uint32_t>(getpid()) * 2654435761u;
+    }
+    return x;
+}
+
+uint32_t ms_since(const struct timespec &t0)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    long long ms = (t.tv_sec - t0.tv_sec) * 1000LL + (t.tv_nsec - t0.tv_nsec) / 1000000;
+    return ms < 0 ? 0 : static_cast<uint32_t>(ms);
+}
+
+void send_frame(PortProbe *p, const uint8_t *frame, size_t len)
+{
+    if (p->ufd.fd < 0 || len == 0)
+        return;
+    if (send(p->ufd.fd, frame, len, MSG_DONTWAIT) < 0 && !p->error)
+        p->error = errno;
+}
+
+void send_discover(PortProbe *p)
+{
+    uint8_t buf[SURVEY_FRAME_BUF_LEN];
+    send_frame(p, buf, build_survey_discover(buf, sizeof buf, p->xid, p->client_mac));
+    ++p->discovers;
+}
+
+void send_arp(PortProbe *p, uint32_t router_ip)
+{
+    uint8_t buf[SURVEY_FRAME_BUF_LEN];
+    send_frame(p, buf, build_survey_arp_probe(buf, sizeof buf, p->client_mac, router_ip));
+    ++p->arp_probes;
+}
+
+void note_claim(PortProbe *p, const uint8_t mac[6])
+{
+    for (int i = 0; i < p->n_claims; ++i)
+        if (memcmp(p->claims[i], mac, 6) == 0)
+            return;
+    if (p->n_claims < SURVEY_MAX_CLAIMS)
+        memcpy(p->claims[p->n_claims++], mac, 6);
+}
+
+Survey *g_survey;  // the pass the read handlers belong to
+
+void on_readable(struct uloop_fd *u, unsigned int)
+{
+    PortProbe *p = container_of(u, PortProbe, ufd);
+    uint8_t buf[SURVEY_FRAME_BUF_LEN];
+    for (;;) {
+        struct sockaddr_ll from;
+        socklen_t fromlen = sizeof from;
+        ssize_t n = recvfrom(u->fd, buf, sizeof buf, MSG_DONTWAIT,
+                             reinterpret_cast<struct sockaddr *>(&from), &fromlen);
+        if (n < 0)
+            return;  // EAGAIN: drained; any other error ends reading this round too
+        // Frames the bridge floods out of this port show up here as outgoing:
+        // only what comes in on the port is behind it.
+        if (from.sll_pkttype == PACKET_OUTGOING)
+            continue;
+        ByteView frame(buf, static_cast<size_t>(n));
+        uint8_t sender[6];
+        if (g_survey->router.ip &&
+            arp_reply_for(frame, p->client_mac, g_survey->router.ip, sender)) {
+            note_claim(p, sender);
+            continue;
+        }
+        DhcpReply r;
+        memset(&r, 0, sizeof r);
+        uint32_t src_ip = 0;
+        ByteView msg = udp_to_client(frame, &src_ip);
+        if (msg.size() && parse_dhcp_reply(msg, p->xid, p->client_mac, &r)) {
+            frame.copy(6, r.server_mac, 6);
+            r.src_ip = src_ip;
+            r.ms = ms_since(p->sent_at);
+            record_reply(p, r);
+        }
+    }
+}
+
+void on_retry(struct uloop_timeout *t)
+{
+    Survey *s = container_of(t, Survey, retry);
+    for (int i = 0; i < s->n; ++i) {
+        PortProbe *p = &s->probes[i];
+        if (p->n_replies == 0)
+            send_discover(p);
+        if (s->router.ip && p->n_claims == 0)
+            send_arp(p, s->router.ip);
+    }
+}
+
+void on_window(struct uloop_timeout *) { uloop_end(); }
+
+int open_port_socket(const SurveyPort &port)
+{
+    int fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_ALL));
+    if (fd < 0)
+        return -1;
+    struct sockaddr_ll ll;
+    memset(&ll, 0, sizeof ll);
+    ll.sll_family = AF_PACKET;
+    ll.sll_protocol = htons(ETH_P_ALL);
+    ll.sll_ifindex = port.ifindex;
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&ll), sizeof ll) < 0) {
+        int e = errno;
+        close(fd);
+        errno = e;
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+void record_reply(PortProbe *p, const DhcpReply &r)
+{
+    for (int i = 0; i < p->n_replies; ++i) {
+        const DhcpReply &o = p->replies[i];
+        if (memcmp(o.server_mac, r.server_mac, 6) == 0 && o.type == r.type && o.yiaddr == r.yiaddr &&
+            o.server_id == r.server_id)
+            return;  // the same answer to the repeated DISCOVER
+    }
+    if (p->n_replies < SURVEY_MAX_REPLIES)
+        p->replies[p->n_replies++] = r;
+}
+
+int run_survey(Survey *s)
+{
+    if (uloop_init() < 0)
+        return -errno;
+    g_survey = s;
+    for (int i = 0; i < s->n; ++i) {
+        PortProbe *p = &s->probes[i];
+        p->xid = draw_xid();
+        survey_client_mac(p->xid, p->client_mac);
+        p->ufd.cb = on_readable;
+        p->ufd.fd = open_port_socket(p->port);
+        if (p->ufd.fd < 0) {
+            p->error = errno;
+            continue;
+        }
+        uloop_fd_add(&p->ufd, ULOOP_READ);
+    }
+    // Everything is sent before the first reply is read, so that no port
+    // waits for another's answers.
+    for (int i = 0; i < s->n; ++i) {
+        PortProbe *p = &s->probes[i];
+        if (p->ufd.fd < 0)
+            continue;
+        clock_gettime(CLOCK_MONOTONIC, &p->sent_at);
+        send_discover(p);
+        if (s->router.ip)
+            send_arp(p, s->router.ip);
+    }
+    s->window.cb = on_window;
+    s->retry.cb = on_retry;
+    uloop_timeout_set(&s->window, s->window_ms);
+    if (s->window_ms > SURVEY_RETRY_MS)
+        uloop_timeout_set(&s->retry, SURVEY_RETRY_MS);
+    uloop_run();
+    uloop_timeout_cancel(&s->retry);
+    uloop_timeout_cancel(&s->window);
+    for (int i = 0; i < s->n; ++i) {
+        PortProbe *p = &s->probes[i];
+        if (p->ufd.fd >= 0) {
+            on_readable(&p->ufd, ULOOP_READ);  // what arrived in the last moment
+            uloop_fd_delete(&p->ufd);
+            close(p->ufd.fd);
+            p->ufd.fd = -1;
+        }
+    }
+    uloop_done();
+    g_survey = nullptr;
+    return 0;
+}
