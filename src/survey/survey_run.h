@@ -1,6 +1,6 @@
-// One survey pass: every port probed at once from one event loop.  Per port a
-// packet socket bound to it sends the DISCOVER and the ARP probe and reads
-// every reply until the window closes.
+// One survey pass: every port probed at once from one event loop.  One packet
+// socket sends the DISCOVER and the ARP probe out of each port and reads
+// every reply, told apart by the port it came in on, until the window closes.
 #ifndef LANPROBE_SURVEY_SURVEY_RUN_H
 #define LANPROBE_SURVEY_SURVEY_RUN_H
 
@@ -26,7 +26,6 @@ extern "C" {
 
 struct PortProbe {
     SurveyPort port;
-    struct uloop_fd ufd;
     uint32_t xid;
     uint8_t client_mac[6];
     uint8_t discovers, arp_probes;  // frames sent
@@ -36,20 +35,20 @@ struct PortProbe {
     DhcpReply replies[SURVEY_MAX_REPLIES];
     uint8_t claims[SURVEY_MAX_CLAIMS][6];  // MACs answering ARP for the router's address
 };
-static_assert(std::is_standard_layout_v<PortProbe>, "the read handler uses container_of");
 
 struct Survey {
     PortProbe *probes;
     int n;
     RouterInfo router;
     int window_ms;
+    struct uloop_fd sock;
     struct uloop_timeout window, retry;
 };
 static_assert(std::is_standard_layout_v<Survey>, "the timers use container_of");
 
-// Opens a socket per port, sends, runs the loop for the window and closes
-// everything.  0, or -errno when the event loop could not start; a port
-// whose socket fails keeps its errno in PortProbe::error.
+// Opens the socket, sends, runs the loop for the window and closes
+// everything.  0, or -errno when the event loop could not start; when the
+// socket or a send fails, the port keeps its errno in PortProbe::error.
 int run_survey(Survey *s);
 
 // Records r on p unless the same server already said the same thing.
