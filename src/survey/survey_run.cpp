@@ -85,8 +85,8 @@ void on_readable(struct uloop_fd *u, unsigned int)
                              reinterpret_cast<struct sockaddr *>(&from), &fromlen);
         if (n < 0)
             return;  // EAGAIN: drained; any other error ends reading this round too
-        // Frames the bridge floods out of this port show up here as outgoing:
-        // only what comes in on the port is behind it.
+        // The filter keeps out what the bridge floods out of a port: only
+        // what comes in on the port is behind it.
         if (from.sll_pkttype == PACKET_OUTGOING)
             continue;
         PortProbe *p = nullptr;
@@ -130,9 +130,12 @@ void on_retry(struct uloop_timeout *t)
 void on_window(struct uloop_timeout *) { uloop_end(); }
 
 // Lets through only what the survey reads: ARP replies, and unfragmented
-// IPv4 UDP to port 68.  Everything else the router forwards in the window
-// stays in the kernel.
+// IPv4 UDP to port 68, coming in.  Everything else stays in the kernel, above
+// all the copies of each reply that the bridge floods out of every other
+// port: at 48 ports they fill the receive buffer and push out the replies.
 const struct sock_filter kReplyFilter[] = {
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 13, 0),
     BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12),             // EtherType
     BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0x0806, 0, 2),
     BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 20),             // ARP opcode: reply
