@@ -158,7 +158,7 @@ musl_configure() {
 
 # Static build: the daemon and the test programs the runner needs (no
 # benchmarks, no programs of root- or lab-labelled tests).  Dynamic build:
-# the daemon alone, as the package links it.
+# the daemon and lanprobe-survey, as their packages link them.
 build_musl() {
     arch=$1
     toolchain="$top/cmake/toolchains/$(musl_triplet "$arch").cmake"
@@ -171,10 +171,10 @@ build_musl() {
     note "$arch: building" $targets
     # shellcheck disable=SC2086
     cmake --build "$bdir" -j "$jobs" --target $targets
-    note "$arch: building the dynamically linked daemon in $bdir-dynamic"
+    note "$arch: building the dynamically linked daemon and survey in $bdir-dynamic"
     musl_configure "$bdir-dynamic" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
         -DLANPROBE_MUSL_LINK=dynamic -DLANPROBE_WERROR=ON -DLANPROBE_BUILD_TESTS=OFF -DLANPROBE_BUILD_BENCH=OFF
-    cmake --build "$bdir-dynamic" -j "$jobs" --target lanprobe
+    cmake --build "$bdir-dynamic" -j "$jobs" --target lanprobe lanprobe-survey
 }
 
 # Stripped size of the static and the dynamic daemon, and what the dynamic
@@ -182,9 +182,10 @@ build_musl() {
 sizes_musl() {
     arch=$1
     bdir=$(musl_build_dir "$arch")
-    for kind in static dynamic; do
+    for kind in static dynamic survey; do
         bin="$bdir/lanprobe"
         [ $kind = dynamic ] && bin="$bdir-dynamic/lanprobe"
+        [ $kind = survey ] && bin="$bdir-dynamic/lanprobe-survey"
         [ -f "$bin" ] || { note "$arch: no $kind daemon built yet"; continue; }
         stripped=$(mktemp)
         llvm-strip -o "$stripped" "$bin"

@@ -122,6 +122,7 @@ test_musl() {
     note "$arch: binary checks"
     check_musl_binary "$bdir/lanprobe" || trc=1
     check_musl_binary "$bdir-dynamic/lanprobe" || trc=1
+    check_musl_binary "$bdir-dynamic/lanprobe-survey" || trc=1
     check_musl_console "$arch" "$bdir/lanprobe" || trc=1
     if [ "${musl_root_tests:-0}" -eq 1 ]; then
         skipped=$(gtest_targets "$bdir" labelled | grep -vxF "$(gtest_targets "$bdir" root)" | paste -sd '|')

@@ -9,10 +9,12 @@
 # with Debian's cross compilers (their packages and the mips json-c stage come
 # from scripts/cross.sh's dependency steps); all is the three of them.
 #
-# The recipe packaging/openwrt/lanprobe/Makefile is run by make itself, with
+# The recipes packaging/openwrt/lanprobe/Makefile and
+# packaging/openwrt/lanprobe-survey/Makefile (each checked in turn, the
+# survey's work directory named <variant>-survey) are run by make itself, with
 # tests/build/package-check/ standing in for the OpenWrt build tree (rules.mk,
 # include/package.mk, include/cmake.mk), so its own Build/Prepare,
-# CMAKE_OPTIONS and Package/lanprobe/install are what run: the sources it
+# CMAKE_OPTIONS and Package/<name>/install are what run: the sources it
 # copies go into a fresh build directory, CMake is configured as OpenWrt's
 # CMake support does it (Release with only -DNDEBUG as its flags, the target's
 # -Os -pipe and CPU flags, Ninja, the staging directory as the only root for
@@ -26,7 +28,7 @@
 # every header and library was found in the staging directory; every compile
 # line carries the target's flags and the staged include directory and none
 # names compat/; the link used the staged libuci, libubox and json-c;
-# usr/sbin/lanprobe is the only file installed, is executable and is what the
+# usr/sbin/<name> is the only file installed, is executable and is what the
 # package contains; the binary is built for the target, needs no libstdc++ and
 # carries no exception runtime (tests/build/check_binary.sh); every shared
 # library it needs besides the C library is one the recipe's DEPENDS names;
@@ -41,7 +43,7 @@ top=$(cd "$(dirname "$0")/../.." && pwd)
 out=${LANPROBE_PACKAGE_DIR:-$top/build-package}
 stage_root=${LANPROBE_CROSS_STAGE:-$top/out/cross}
 jobs=${LANPROBE_PACKAGE_JOBS:-2}
-recipe_dir="$top/packaging/openwrt/lanprobe"
+recipes="lanprobe lanprobe-survey"
 export DEBIAN_FRONTEND=noninteractive
 
 . "$top/scripts/cross/common.sh"
@@ -92,10 +94,12 @@ stage() {
     copy_uthash "$sdir/usr/include"
 }
 
-# check_variant <variant>: stage, run the recipe, check.
+# check_variant <variant> <package>: stage, run the package's recipe, check.
 check_variant() {
-    variant=$1
-    work="$out/$variant"
+    variant=$1 pkg_name=$2
+    recipe_dir="$top/packaging/openwrt/$pkg_name"
+    # The daemon's work directory keeps its name; the survey's gets a suffix.
+    work="$out/$variant${pkg_name#lanprobe}"
     staging="$work/staging_dir"
     debug=""
     build_type=Release
@@ -148,7 +152,7 @@ check_variant() {
     pinstall=$(make -s "$@" val.PKG_INSTALL_DIR)
     depends=$(make -s "$@" val.DEPENDS)
     bdir="$pbuild/openwrt-build"
-    ipkg="$pbuild/ipkg/lanprobe"
+    ipkg="$pbuild/ipkg/$pkg_name"
     usr="$staging/usr"
 
     # What Build/Prepare copied, and nothing else.
@@ -185,7 +189,7 @@ check_variant() {
     fi
 
     # Compile and link lines of the daemon.
-    ninja -C "$bdir" -t commands lanprobe >"$work/commands.txt"
+    ninja -C "$bdir" -t commands "$pkg_name" >"$work/commands.txt"
     want_flags="-Os -pipe${cpu_cflags:+ $cpu_cflags}${debug:+ -O2 -g}"
     compiles=$(grep -c -- ' -c ' "$work/commands.txt" || true)
     bad=0
@@ -206,7 +210,7 @@ EOF
     else
         pass "no command of the daemon's build names compat/"
     fi
-    link=$(grep -- '-o lanprobe ' "$work/commands.txt" | tr -s ' ' || true)
+    link=$(grep -- "-o $pkg_name " "$work/commands.txt" | tr -s ' ' || true)
     case $link in
         *" $usr/lib/libuci.a $usr/lib/libubox.a "*) uci_ubox=1 ;;
         *) uci_ubox=0 ;;
@@ -223,16 +227,16 @@ EOF
 
     # What is installed and packaged.
     installed=$(cd "$pinstall" && find . -type f -o -type l | sed 's|^\./||' | tr '\n' ' ')
-    bin="$pinstall/usr/sbin/lanprobe"
-    if [ "$installed" = "usr/sbin/lanprobe " ] && [ -x "$bin" ]; then
-        pass "installed with DESTDIR: usr/sbin/lanprobe (executable), nothing else"
+    bin="$pinstall/usr/sbin/$pkg_name"
+    if [ "$installed" = "usr/sbin/$pkg_name " ] && [ -x "$bin" ]; then
+        pass "installed with DESTDIR: usr/sbin/$pkg_name (executable), nothing else"
     else
-        fail "installed with DESTDIR: '$installed'${bin:+, usr/sbin/lanprobe executable: $([ -x "$bin" ] && echo yes || echo no)}"
+        fail "installed with DESTDIR: '$installed'${bin:+, usr/sbin/$pkg_name executable: $([ -x "$bin" ] && echo yes || echo no)}"
     fi
-    if [ -x "$ipkg/usr/sbin/lanprobe" ] && cmp -s "$bin" "$ipkg/usr/sbin/lanprobe"; then
-        pass "Package/lanprobe/install put the same usr/sbin/lanprobe into the package"
+    if [ -x "$ipkg/usr/sbin/$pkg_name" ] && cmp -s "$bin" "$ipkg/usr/sbin/$pkg_name"; then
+        pass "Package/$pkg_name/install put the same usr/sbin/$pkg_name into the package"
     else
-        fail "the package's usr/sbin/lanprobe is missing, not executable or not the installed one"
+        fail "the package's usr/sbin/$pkg_name is missing, not executable or not the installed one"
     fi
     [ -f "$bin" ] || { echo "  (no binary, the remaining checks are not run)"; return 0; }
 
@@ -252,7 +256,7 @@ EOF
         msg=$(check_binary_at "$arch" "$bin") || rc=$?
     fi
     if [ $rc -eq 0 ]; then
-        pass "usr/sbin/lanprobe: ${msg#OK: "$bin": }"
+        pass "usr/sbin/$pkg_name: ${msg#OK: "$bin": }"
     else
         fail "$msg"
     fi
@@ -271,8 +275,15 @@ EOF
         fail "NEEDED:$uncovered not named in the recipe's DEPENDS ($depends)"
     fi
 
-    # It runs: -h prints the usage on /dev/console and nothing else happens.
-    if [ "$arch" = native ]; then
+    # It runs: -h prints the usage on /dev/console (the survey: on standard
+    # error, exit status 0) and nothing else happens.
+    if [ "$arch" = native ] && [ "$pkg_name" = lanprobe-survey ]; then
+        if "$bin" -h 2>"$work/run.log" && grep -qF "usage: lanprobe-survey" "$work/run.log"; then
+            pass "lanprobe-survey -h printed its usage"
+        else
+            fail "lanprobe-survey -h: $(head -c 200 "$work/run.log")"
+        fi
+    elif [ "$arch" = native ]; then
         console="$work/console"
         : >"$console"
         if unshare -m true 2>/dev/null; then
@@ -293,9 +304,11 @@ EOF
 started=$(date +%s)
 mkdir -p "$out"
 for variant_ in $variants; do
-    vfail=0
-    check_variant "$variant_"
-    [ $vfail -eq 0 ] || failed_variants="$failed_variants $variant_"
+    for recipe in $recipes; do
+        vfail=0
+        check_variant "$variant_" "$recipe"
+        [ $vfail -eq 0 ] || failed_variants="$failed_variants $variant_${recipe#lanprobe}"
+    done
 done
 if [ -n "$failed_variants" ]; then
     echo "package check: FAILED:$failed_variants ($(($(date +%s) - started)) s)"

@@ -54,3 +54,39 @@ wait_ready() {
 
 # LAB_VM=ARCH: the router is a virtual machine (tests/vm/router.sh).
 [ -z "${LAB_VM:-}" ] || . "$TOP/tests/vm/router.sh"
+# The survey's hosts.
+#   switch2      a small switch behind the port: a bridge in the host's
+#                namespace (carrying the host's address and MAC) with dnsmasq
+#                (02:1a:00:00:02:0N, 192.168.1.(50+N)) and ISC dhcpd
+#                (02:1a:00:00:03:0N, 192.168.1.(60+N)) behind it
+#   public       dnsmasq offering 203.0.113.100-119 (an ISP modem's network)
+start_switch2() {
+    local ns=$1 d=$2 n=$3 s
+    ip -n "$ns" addr flush dev veth0
+    ip -n "$ns" link add sw0 address "$(host_mac "$n")" type bridge
+    ip -n "$ns" link set veth0 master sw0
+    ip -n "$ns" link set sw0 up
+    ip -n "$ns" addr add "$(host_ip "$n")/24" dev sw0
+    for s in 2 3; do
+        new_ns "$ns-$s"
+        mkdir -p "$d/$s"
+        ip -n "$ns" link add "sw$s" type veth peer name veth0 netns "$ns-$s" \
+            address "$(printf '02:1a:00:00:%02x:%02x' "$s" "$n")"
+        ip -n "$ns" link set "sw$s" master sw0 up
+        ip -n "$ns-$s" link set veth0 up
+        ip -n "$ns-$s" addr add "192.168.1.$((30 + 10 * s + n))/24" dev veth0
+    done
+    start_dnsmasq "$ns-2" "$d/2" "$n" "$(host_ip "$n")"
+    start_dhcpd "$ns-3" "$d/3" "$n"
+}
+
+start_public() {
+    local ns=$1 d=$2 n=$3
+    ip -n "$ns" addr add 203.0.113.1/24 dev veth0
+    spawn "dnsmasq-eth$n" "$ns" dnsmasq --keep-in-foreground --conf-file=/dev/null --port=0 \
+        --user=root --interface=veth0 --bind-interfaces --no-ping \
+        --dhcp-range=203.0.113.100,203.0.113.119,255.255.255.0,1h \
+        --dhcp-option=3,203.0.113.1 --dhcp-option=6,203.0.113.53 \
+        --dhcp-leasefile="$d/dnsmasq.leases" --pid-file="$d/dnsmasq.pid"
+    wait_udp67 "$ns" "dnsmasq-eth$n" "$(last_pid)"
+}

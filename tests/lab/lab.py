@@ -547,7 +547,101 @@ ROWS = {
     'hostile': dict(layout=['eth0=udhcpd', 'eth1=empty'], args=['-d', '7'], flood='eth0', result=['eth0'],
                     end='answered', check=ck_hostile),
     'valgrind': dict(layout=ANSWER, args=['-d', '7'], valgrind=True, result=['eth0'], end='answered', check=ck_valgrind),
+    # survey=(arguments, exit status, ports): lanprobe-survey's whole document.
+    'survey_router': dict(layout=DEFAULT, survey=(['-w', '4000'], 2, lambda: [
+        sv_port(0, [sv_lab(0, 43200)], 'CRITICAL'), sv_port(1, [sv_lab(1, 600)], 'CRITICAL', discovers=2),
+        sv_port(2, [sv_lab(2, 600)], 'CRITICAL'), sv_port(3, [sv_lab(3, 600)], 'CRITICAL'),
+        sv_port(4), sv_port(5), sv_port('wlan0')])),
+    'survey_switch': dict(layout=['eth0=switch2', 'eth1=silent'], survey=(['-w', '2000', '-a', '02:1a:00:00:02:00'], 2, lambda: [
+        sv_port(0, [sv_offer('02:1a:00:00:02:00', '192.168.1.50', sv_pool(0), '192.168.1.10', '10.53.0.10', 43200, 'expected'),
+                    sv_offer('02:1a:00:00:03:00', '192.168.1.60', sv_pool(0), '192.168.1.10', '10.53.0.10', 600)], 'CRITICAL'),
+        sv_port(1)])),
+    # Allowlisted by server address; the modem's public offer alone is a warning.
+    'survey_public': dict(layout=['eth0=public', 'eth1=dnsmasq', 'eth2=empty'], survey=(['-w', '2000', '-a', '192.168.1.11'], 1, lambda: [
+        sv_port(0, [sv_offer('02:1a:00:00:01:00', '203.0.113.1', lambda a: a in ['203.0.113.%d' % i for i in range(100, 120)],
+                             '203.0.113.1', '203.0.113.53', 3600, net='wan')], 'WARNING', hint='wan'),
+        sv_port(1, [sv_lab(1, 43200, 'expected')]), sv_port(2)])),
+    # The server is allowlisted: the claim on the router's address alone is critical.
+    'survey_owner': dict(layout=['eth0=owner', 'eth1=empty'], survey=(['-w', '2000', '-a', '02:1a:00:00:01:00'], 2, lambda: [
+        sv_port(0, [sv_offer('02:1a:00:00:01:00', '192.168.1.1', sv_pool(0), '192.168.1.1', '10.53.0.10', 43200, 'expected')],
+                'CRITICAL', claims=['02:1a:00:00:01:00']),
+        sv_port(1)])),
+    # The daemon's pass and the survey at once: each gets the result it gets alone.
+    'survey_with_daemon': dict(layout=['eth0=dnsmasq', 'eth1=dhcpd', 'eth2=silent'], args=['-d', '7'], result=['eth0', 'eth1'],
+                               end='deadline', survey=(['-w', '8000'], 2, lambda: [
+                                   sv_port(0, [sv_lab(0, 43200)], 'CRITICAL'), sv_port(1, [sv_lab(1, 600)], 'CRITICAL'),
+                                   sv_port(2)])),
 }
+
+
+def sv_pool(n):
+    lo = 100 + 20 * n if n < 7 else 140 + n
+    return lambda a: a in ['192.168.1.%d' % i for i in range(lo, lo + (20 if n < 7 else 1))]
+
+
+def sv_offer(mac, sid, offered, router, dns, lease, verdict='rogue', net='lan'):
+    return dict(type='OFFER', server_mac=mac, server_id=sid, source_ip=sid, offered=offered, offered_network=net,
+                mask='255.255.255.0', routers=[router], dns=[dns], lease_s=lease, domain=None, relay=None,
+                ms=lambda v: 0 <= v <= SV_WINDOW[0], malformed=False, verdict=verdict)
+
+
+def sv_lab(n, lease, verdict='rogue'):
+    """What the lab's server behind port n offers (lab.sh's addressing)."""
+    ip = '192.168.1.%d' % (10 + n)
+    return sv_offer('02:1a:00:00:01:%02x' % n, ip, sv_pool(n), ip, '10.53.0.%d' % (10 + n), lease, verdict)
+
+
+def sv_port(n, replies=(), status='OK', hint=None, claims=(), discovers=None):
+    """A port: one DISCOVER and one ARP probe, repeated once after 1 s when
+    nothing answered them; labels LAN(n+1) from the lab's switch file."""
+    return dict(name='eth%d' % n if n != 'wlan0' else n, label='LAN%d' % (n + 1) if n != 'wlan0' else '',
+                client_mac=lambda m: int(m[:2], 16) & 3 == 2, discovers=discovers or (1 if replies else 2),
+                arp_probes=1 if claims else 2, error=None, hint=hint or ('lan' if replies else 'none'), status=status,
+                replies=sorted(replies, key=lambda r: r['server_mac']), router_ip_claimed_by=list(claims))
+
+
+SV_WINDOW = [0]
+
+
+def same(want, got):
+    if callable(want):
+        return want(got)
+    if isinstance(want, dict):
+        return isinstance(got, dict) and want.keys() == got.keys() and all(same(want[k], got[k]) for k in want)
+    if isinstance(want, list):
+        return isinstance(got, list) and len(want) == len(got) and all(map(same, want, got))
+    return want == got
+
+
+def run_survey_row(name, opts):
+    row = ROWS[name]
+    args, status, ports = row['survey']
+    SV_WINDOW[0] = int(args[args.index('-w') + 1])
+    survey = os.path.join(os.path.dirname(opts.bin), 'lanprobe-survey')
+    lab, ok = Lab(row, opts), False
+    try:
+        # A private /etc with the lab's switch file on /etc/config, as the daemon's runner has it.
+        cmd = ['bash', LAB, 'exec', lab.state, 'router', 'unshare', '--mount', '--propagation', 'private', 'sh', '-c',
+               'mount -t tmpfs lab /etc && mkdir /etc/config && mount --bind "$0" /etc/config && exec "$@"',
+               os.path.join(lab.state, 'config'), survey, '-j'] + args
+        t = time.monotonic()
+        proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        if row.get('args'):
+            check_daemon_run(lab, row)
+        out, err = proc.communicate()
+        if not row.get('args'):
+            lab.figures.append('survey: %.0f ms for a %d ms window' % ((time.monotonic() - t) * 1000, SV_WINDOW[0]))
+        check(proc.returncode == status and err == '', 'survey exit %d, stderr %r' % (proc.returncode, err))
+        doc = json.loads(out)
+        for p in doc['ports']:
+            p['replies'].sort(key=lambda r: r['server_mac'])
+        want = dict(bridge='br-lan', window_ms=SV_WINDOW[0], router=dict(mac=BR_MAC.lower(), ip='192.168.1.1',
+                    netmask='255.255.255.0'), status=['OK', 'WARNING', 'CRITICAL'][status], ports=ports())
+        check(same(want, doc), 'survey document %s' % json.dumps(doc, indent=1))
+        ok = True
+    finally:
+        lab.down(keep=opts.keep and not ok)
+    return lab.figures
 
 
 class Lab:
@@ -643,28 +737,32 @@ def run_row(name, opts):
     for _ in range(opts.runs):
         lab, ok = Lab(row, opts), False
         try:
-            r = lab.run()
-            always(r)
-            res = row.get('result')
-            if res == 'placeholder':
-                check(r.raw == 'time 19', 'result %r, expected the placeholder' % r.raw)
-            elif isinstance(res, list):
-                entries, keys = r.entries()
-                check([e['name'] for e in entries] == [s.split(':')[0] for s in res], 'ports in the result: %r' % r.raw)
-                for e, k, port in zip(entries, keys, res):
-                    expect_entry(e, k, port)
-            elif res == 'any' and r.raw not in ('time 19', '', None):
-                r.entries()
-            for line in row.get('lines', []):
-                check(r.count(line) >= 1, 'log lacks %r' % line)
-            check(row.get('console', '') in r.console, 'console %r' % r.console)
-            if row.get('check'):
-                row['check'](r, lab)
+            check_daemon_run(lab, row)
             ok = True
         finally:
             lab.down(keep=opts.keep and not ok)
         figures += lab.figures
     return figures
+
+
+def check_daemon_run(lab, row):
+    r = lab.run()
+    always(r)
+    res = row.get('result')
+    if res == 'placeholder':
+        check(r.raw == 'time 19', 'result %r, expected the placeholder' % r.raw)
+    elif isinstance(res, list):
+        entries, keys = r.entries()
+        check([e['name'] for e in entries] == [s.split(':')[0] for s in res], 'ports in the result: %r' % r.raw)
+        for e, k, port in zip(entries, keys, res):
+            expect_entry(e, k, port)
+    elif res == 'any' and r.raw not in ('time 19', '', None):
+        r.entries()
+    for line in row.get('lines', []):
+        check(r.count(line) >= 1, 'log lacks %r' % line)
+    check(row.get('console', '') in r.console, 'console %r' % r.console)
+    if row.get('check'):
+        row['check'](r, lab)
 
 
 def main():
@@ -692,7 +790,7 @@ def main():
     for name in a.names or rows:
         t = time.monotonic()
         try:
-            figures = run_row(name, a)
+            figures = (run_survey_row if 'survey' in ROWS[name] else run_row)(name, a)
             print('PASS %s (%.1f s)%s' % (name, time.monotonic() - t, ''.join('\n     ' + f for f in figures)))
         except (Failure, subprocess.CalledProcessError, OSError, KeyError, ValueError, TypeError) as e:
             failed += 1

@@ -1,4 +1,4 @@
-# Stands in for an OpenWrt build tree's rules.mk when scripts/package-check.sh
+# Stands in for an OpenWrt build tree's rules.mk when tests/build/package-check.sh
 # runs a package recipe: the directories, commands and target flags a recipe
 # uses.  The script sets on make's command line: BUILD_DIR, STAGING_DIR,
 # TARGET_CC, TARGET_CXX, CPU_CFLAGS, CMAKE_SYSTEM_PROCESSOR, NINJA_JOBS and,
