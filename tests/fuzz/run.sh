@@ -14,7 +14,7 @@ set -eu
 top=$(cd "$(dirname "$0")/../.." && pwd)
 secs=${1:-8}
 [ $# -gt 0 ] && shift
-targets=${*:-dhcp_offer arp uci fdb}
+targets=${*:-dhcp_offer arp uci fdb survey_options}
 build=${FUZZ_BUILD_DIR:-$top/build-fuzz}
 CC=clang CXX=clang++ cmake -S "$top" -B "$build" -DLANPROBE_FUZZ=ON -DLANPROBE_FUZZ_SECONDS="$secs" \
     -DLANPROBE_BUILD_BENCH=OFF -DLANPROBE_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
