@@ -26,3 +26,4 @@ python3 "$top/bench/timeline.py" --bin "$bin" --json "$out/timeline.json" | tee 
 python3 "$top/bench/resources.py" --bin "$bin" --rusage "$ru" --json "$out/resources.json" | tee "$out/resources.txt"
 python3 "$top/bench/flood_bench.py" --bin "$bin" --rusage "$ru" --flood "$fl" --json "$out/flood.json" | tee "$out/flood.txt"
 python3 "$top/bench/ports100.py" --bin "$bin" --rusage "$ru" --json "$out/ports100.json" | tee "$out/ports100.txt"
+python3 "$top/bench/survey_bench.py" --survey "$build/lanprobe-survey" --rusage "$ru" --json "$out/survey.json" | tee "$out/survey.txt"
