@@ -12,6 +12,12 @@ mount -t devtmpfs dev /dev
 mkdir -p /run /tmp /out
 mount -t tmpfs run /run
 . /run.env
+# Malta's firmware leaves every line of the south bridge's interrupt
+# controller edge-triggered, and the kernel keeps it so: NICs sharing a PCI
+# line then lose an edge now and then, and from then on no frame comes in on
+# them.  The ELCR (port 0x4d1) makes IRQ 10 and 11, the PCI lines,
+# level-triggered.
+[ "$(uname -m)" = mips ] && printf '\014' | dd of=/dev/port bs=1 seek=$((0x4d1)) count=1 conv=notrunc 2> /dev/null
 for m in $(cat /modules.list); do insmod "/modules/$m.ko"; done
 sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
 
