@@ -7,6 +7,9 @@
 if(LANPROBE_FUZZ)
   set(LANPROBE_FUZZ_SECONDS 8 CACHE STRING "seconds each fuzz test runs")
   foreach(t dhcp_offer arp uci fdb survey_options)
+    if(t STREQUAL survey_options AND NOT TARGET lanprobe_survey)
+      continue()
+    endif()
     add_executable(fuzz_${t} ${CMAKE_CURRENT_LIST_DIR}/fuzz_${t}.cpp ${CMAKE_CURRENT_LIST_DIR}/sandbox.cpp
                    ${CMAKE_CURRENT_LIST_DIR}/../support/namespaces.cpp)
     target_link_options(fuzz_${t} PRIVATE -fsanitize=fuzzer)

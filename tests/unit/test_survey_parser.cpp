@@ -9,7 +9,7 @@
 #include "support/testkit.h"
 #include "survey/dhcp_reply.h"
 #include "survey/probe_frames.h"
-#include "survey/verdict.h"
+#include "survey/report.h"
 
 namespace {
 
@@ -171,6 +171,46 @@ TEST(SurveyVerdict, OfferedNetworks)
     EXPECT_EQ(judge_server(listed, 0, 0, own, 1, allow), VERDICT_EXPECTED);
     EXPECT_EQ(judge_server(other, inet_addr("192.168.1.12"), 0, own, 1, allow), VERDICT_EXPECTED);
     EXPECT_EQ(judge_server(other, inet_addr("192.168.1.13"), 0, own, 1, allow), VERDICT_ROGUE);
+}
+
+// The exit status rule: CRITICAL for a rogue offer into the router's own
+// network or a foreign host claiming its address, WARNING for any other
+// rogue offer, OK for own and allowlisted servers.
+TEST(SurveyVerdict, ExitStatus)
+{
+    const uint8_t own[6] = {2, 0x1a, 0, 0, 0, 1}, other[6] = {2, 0x1a, 0, 0, 1, 6};
+    struct {
+        const char *offered;
+        const uint8_t *server, *claim;
+        bool allowed;
+        SurveyStatus want;
+    } rows[] = {
+        {"192.168.1.50", other, nullptr, false, STATUS_CRITICAL}, {"192.168.1.50", other, nullptr, true, STATUS_OK},
+        {"192.168.9.50", other, nullptr, false, STATUS_WARNING},  {"100.64.0.9", other, nullptr, false, STATUS_WARNING},
+        {"192.168.1.50", own, nullptr, false, STATUS_OK},         {"10.0.0.5", other, other, true, STATUS_CRITICAL},
+        {nullptr, nullptr, own, false, STATUS_OK},                {nullptr, nullptr, nullptr, false, STATUS_OK},
+    };
+    for (const auto &row : rows) {
+        static PortProbe p;
+        memset(&p, 0, sizeof p);
+        Survey s{};
+        s.probes = &p;
+        s.n = 1;
+        s.router.ip = inet_addr("192.168.1.1");
+        s.router.netmask = inet_addr("255.255.255.0");
+        if (row.offered) {
+            p.n_replies = 1;
+            p.replies[0].yiaddr = inet_addr(row.offered);
+            memcpy(p.replies[0].server_mac, row.server, 6);
+        }
+        if (row.claim)
+            memcpy(p.claims[p.n_claims++], row.claim, 6);
+        Allowlist allow{};
+        if (row.allowed)
+            allow_add(&allow, "02:1a:00:00:01:06");
+        SurveyView v = {&s, "br-lan", own, 1, &allow};
+        EXPECT_EQ(survey_status(v), row.want) << (row.offered ? row.offered : "no offer");
+    }
 }
 
 }  // namespace
